@@ -1,0 +1,121 @@
+#include "client/IVexaClient.h"
+
+#include <cutils/properties.h>
+
+#include <new>
+
+#include "client/connection.h"
+#include "client/logging.h"
+#include "client/receive.h"
+#include "client/threads.h"
+#include "client/utility/IVexaClient_utility.h"
+
+const std::uint8_t VEXA_JSON_DEF_VER_ARR = 2;
+std::atomic<int> gMgrSocket_fd{-1};
+int gService_id = -1;
+const char deliminator[4] = "[],";
+std::map<std::string, vexon_data_type_t>& gDataTypes =
+    *new std::map<std::string, vexon_data_type_t>(known_data_types());
+std::mutex& gClientMutex = *new std::mutex;
+std::set<ServiceKey>& gServices = *new std::set<ServiceKey>;
+std::mutex& gServicesMutex = *new std::mutex;
+std::map<std::uint32_t, SessionServices>& gSessions = *new std::map<std::uint32_t, SessionServices>;
+std::mutex& gSessionsMutex = *new std::mutex;
+std::mutex& gSendMutex = *new std::mutex;
+
+// The symbol init_cv has to be the condition variable itself, yet no destructor may run for it.
+extern "C" VEXON_API unsigned char init_cv_storage[] __asm__("init_cv");
+alignas(std::condition_variable) unsigned char init_cv_storage[sizeof(std::condition_variable)];
+[[maybe_unused]] static auto& init_cv_made = *new (init_cv_storage) std::condition_variable;
+
+std::mutex& gInitMutex = *new std::mutex;
+bool response_for_init = false;
+std::mutex& gRegsMutex = *new std::mutex;
+std::map<std::uint32_t, regs_meta_data>& gRegs = *new std::map<std::uint32_t, regs_meta_data>;
+std::mutex& gAuthMutex = *new std::mutex;
+std::map<std::uint32_t, RegsAuthMetaData>& gAuth = *new std::map<std::uint32_t, RegsAuthMetaData>;
+std::mutex& gReadyMutex = *new std::mutex;
+std::map<std::uint32_t, ready_meta_data>& gReady = *new std::map<std::uint32_t, ready_meta_data>;
+std::mutex& gPermMutex = *new std::mutex;
+std::map<std::uint32_t, permRes_meta_data_t>& gPerm =
+    *new std::map<std::uint32_t, permRes_meta_data_t>;
+std::mutex& gQueryIdMutex = *new std::mutex;
+std::mutex& gInfoMutex = *new std::mutex;
+std::map<std::uint32_t, res_infos_meta_data_t>& gInfo =
+    *new std::map<std::uint32_t, res_infos_meta_data_t>;
+std::atomic<int> gDebugLevel{0};
+std::atomic<bool> gIsOneService{false};
+std::atomic<bool> gMarkersEnabled{false};
+std::atomic<bool> gInitDone{false};
+std::uint32_t gQueryId = 0;
+
+std::mutex& gInitCallMutex = *new std::mutex;
+std::mutex& gConnectMutex = *new std::mutex;
+std::mutex& gAuthWaitMutex = *new std::mutex;
+std::mutex& gReadyWaitMutex = *new std::mutex;
+std::shared_ptr<ManagerSocket>& gMgrSocket = *new std::shared_ptr<ManagerSocket>;
+std::atomic<std::uint32_t> gReceiver{0};
+bool gReceiving = false;
+
+int current_service_id() {
+    std::lock_guard<std::mutex> lock(gClientMutex);
+    return gService_id;
+}
+
+namespace {
+
+// Returns the service id that the process has already, with a line that says so, or -1.
+int existing_service_id() {
+    const int id = current_service_id();
+    if (id != -1) log_line(kAlways, " Already initialized; return existing service id %d", id);
+    return id;
+}
+
+// Has a connection with a receive thread on it when it returns true. A thread that recovers an
+// older connection gives way.
+bool open_link() REQUIRES(gInitMutex) {
+    const bool needs_receiver = gMgrSocket_fd < 0 || !gReceiving;
+    if (needs_receiver) ++gReceiver;
+    if (open_connection() != 0) return false;
+    if (!needs_receiver) return true;
+    start_thread(recv_msg_from_mgr).detach();
+    gReceiving = true;
+    return true;
+}
+
+// Takes the Manager's answer, or learns that none will come. Returns the service id.
+int await_init_answer(std::unique_lock<std::mutex>& init_lock) NO_THREAD_SAFETY_ANALYSIS {
+    init_cv.wait(init_lock,
+                 []() NO_THREAD_SAFETY_ANALYSIS { return response_for_init || !gReceiving; });
+    response_for_init = false;
+
+    std::lock_guard<std::mutex> lock(gClientMutex);
+    if (gService_id < 0) {
+        log_line(kFailure, "Failed to initialize with manager");
+    } else {
+        log_line(kProgress, "VEXON initialized; svc id %d", gService_id);
+    }
+    return gService_id;
+}
+
+}  // namespace
+
+int vexa_svc_init() NO_THREAD_SAFETY_ANALYSIS {
+    log_line(kProgress, "VEXON service init");
+    if (const int id = existing_service_id(); id != -1) return id;
+    if (refused_on_receive_thread(__func__)) return -1;
+
+    std::lock_guard<std::mutex> call_lock(gInitCallMutex);
+    if (const int id = existing_service_id(); id != -1) return id;  // another caller was quicker
+    gDebugLevel = property_get_int32("persist.vendor.vexon.clientlib.debug_level", 4);
+
+    // Held from before the thread starts, so that no answer can be signalled before the wait.
+    std::unique_lock<std::mutex> init_lock(gInitMutex);
+    if (!open_link()) return -1;
+    response_for_init = false;
+    if (vexa_send_to_manager_raw("{\"req_type\":\"INIT\"}") != 0) {
+        log_line(kFailure, "Failed to initiate communication with server");
+        return -1;
+    }
+    return await_init_answer(init_lock);
+}

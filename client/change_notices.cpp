@@ -1,0 +1,88 @@
+#include "client/change_notices.h"
+
+#include <cstdlib>
+#include <mutex>
+#include <string>
+
+#include "client/IVexaClient.h"
+#include "client/logging.h"
+
+namespace {
+
+thread_local bool tInNotice = false;
+
+class NoticeScope {
+  public:
+    NoticeScope() { tInNotice = true; }
+    ~NoticeScope() { tInNotice = false; }
+    NoticeScope(const NoticeScope&) = delete;
+    NoticeScope& operator=(const NoticeScope&) = delete;
+};
+
+void notify(const ready_meta_data& service, int service_id, vexa_req_t notice) {
+    service.state_callback(service_id, &notice, service.user_data);
+}
+
+template <class Wanted>
+void notify_ready_services(const vexa_req_t& notice, Wanted wanted) {
+    const int service_id = current_service_id();
+    std::lock_guard<std::mutex> lock(gReadyMutex);
+    const NoticeScope scope;
+    for (const auto& [opcode, service] : gReady) {
+        if (wanted(service)) notify(service, service_id, notice);
+    }
+}
+
+AfterMessage notify_of_state(const Json::Value& message, vexa_status_t status) {
+    vexa_req_t notice{};
+    notice.status = status;
+    const std::string state = message.get("state", "null").asString();
+    notice.session_id = message.get("session_id", 0U).asUInt();
+    const std::string value = message.get("value", "null").asString();
+    notice.state = state + ":" + value;
+    notice.package = message.get("package", "null").asString();
+    log_line(kTrace, "State change: %s, session_id: %d, package: %s, state: %s",
+             message["req_type"].asCString(), static_cast<int>(notice.session_id),
+             notice.package.c_str(), notice.state.c_str());
+    if (notice.state.find("null") != std::string::npos) return AfterMessage::kClearBuffer;
+    notify_ready_services(
+        notice, [](const ready_meta_data& service) { return service.state_callback != nullptr; });
+    return AfterMessage::kClearBuffer;
+}
+
+}  // namespace
+
+AfterMessage on_state_change(const Json::Value& message) {
+    return notify_of_state(message, VEXA_STATUS_STATE_CHANGE);
+}
+
+AfterMessage on_system_setting_change(const Json::Value& message) {
+    return notify_of_state(message, VEXA_STATUS_SYSTEM_SETTING_CHANGE);
+}
+
+AfterMessage on_permission_change(const Json::Value& message) {
+    vexa_req_t notice{};
+    notice.status = VEXA_STATUS_PERMISSION_CHANGE;
+    const std::string session_id = message.get("sesson_id", "0").asString();  // spelt like this
+    notice.session_id = static_cast<std::uint32_t>(std::strtoul(session_id.c_str(), nullptr, 10));
+    const std::string granted = message.get("status", "0").asString();
+    notice.permission_status = std::strtol(granted.c_str(), nullptr, 10) != 0 ? 1 : 0;
+    notice.permission = message.get("permission", "").asString();
+    notice.package = message.get("package", "null").asString();
+    log_line(
+        kTrace,
+        "Req_type: %s Opcode: %d ssid: %d session_id: %d permission: %s package: %s status: %d",
+        message["req_type"].asCString(), static_cast<int>(notice.opcode),
+        static_cast<int>(notice.subsys_id), static_cast<int>(notice.session_id),
+        notice.permission.c_str(), notice.package.c_str(),
+        static_cast<int>(notice.permission_status));
+    // A service without a callback is not passed over: each is required to have one.
+    notify_ready_services(notice, [](const ready_meta_data&) { return true; });
+    return AfterMessage::kClearBuffer;
+}
+
+bool refused_in_notice(const char* function) {
+    if (!tInNotice) return false;
+    log_line(kFailure, "Failed to run %s: it cannot be called in a notice of a change", function);
+    return true;
+}

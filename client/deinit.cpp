@@ -1,0 +1,60 @@
+#include <mutex>
+#include <string>
+
+#include "client/IVexaClient.h"
+#include "client/acknowledgement.h"
+#include "client/change_notices.h"
+#include "client/logging.h"
+#include "client/readiness.h"
+
+namespace {
+
+// From here on the receive thread knows that the end of the connection is no loss of the Manager.
+void dismiss_receiver() {
+    std::lock_guard<std::mutex> lock(gInitMutex);
+    ++gReceiver;
+    gReceiving = false;
+    init_cv.notify_all();
+}
+
+void drop_registrations() {
+    fail_pending_acknowledgements();
+    std::lock_guard<std::mutex> lock(gAuthMutex);
+    gAuth.clear();
+}
+
+void take_leave(std::uint32_t service_id) {
+    const std::string request = "{\"req_type\":\"DINT\",\"Service_Id\":" +
+                                std::to_string(static_cast<std::int32_t>(service_id)) + "}";
+    if (vexa_send_to_manager_raw(request.c_str()) < 0) {
+        log_line(kFailure, "Failed to receive VEXON deinit ack; proceeding anyways");
+    }
+    disconnect_from_manager();
+    gInitDone = false;
+}
+
+void forget_ready_services() {
+    std::lock_guard<std::mutex> lock(gReadyMutex);
+    gReady.clear();
+}
+
+void forget_service_id(std::uint32_t service_id) {
+    std::lock_guard<std::mutex> lock(gClientMutex);
+    gService_id = -1;
+    log_line(kAlways, "gService_id is %d, svc_id is %d", gService_id,
+             static_cast<std::int32_t>(service_id));
+}
+
+}  // namespace
+
+int vexa_svc_deinit(std::uint32_t service_id) {
+    if (const int refusal = check_service_id(service_id); refusal != 0) return refusal;
+    if (refused_in_notice(__func__)) return -1;
+    dismiss_receiver();
+    drop_registrations();
+    if (gInitDone || gIsOneService) take_leave(service_id);
+    supported_services_clear();
+    forget_ready_services();
+    forget_service_id(service_id);
+    return 0;
+}

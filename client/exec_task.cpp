@@ -1,0 +1,113 @@
+#include "client/exec_task.h"
+
+#include <cstdlib>
+#include <mutex>
+#include <string>
+
+#include "client/VexonTimer.h"
+#include "client/call_record.h"
+#include "client/logging.h"
+#include "client/params/add_params.h"
+#include "client/params/queues.h"
+#include "client/sessions.h"
+#include "client/threads.h"
+
+namespace {
+
+std::uint32_t hexadecimal_opcode(const Json::Value& message, const char* missing) {
+    const std::string text = message.get("opcode", missing).asString();
+    return static_cast<std::uint32_t>(std::strtoul(text.c_str(), nullptr, 16));
+}
+
+// Returns whether the session may run tasks of the service; if not, a log line says why.
+bool session_is_ready(std::uint32_t session_id, ServiceKey service) {
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
+    const auto session = gSessions.find(session_id);
+    if (session == gSessions.end()) {
+        log_line(kFailure, "Invalid session_id was passed to execute function %d",
+                 static_cast<int>(session_id));
+        return false;
+    }
+    const auto entry = session->second.find(service);
+    if (entry == session->second.end()) {
+        log_line(kFailure, "No Session %u with 0x%08x::%u", session_id, service.first,
+                 service.second);
+        return false;
+    }
+    if (entry->second != VEXA_SESSION_READY) {
+        log_line(kFailure, "Session %u with 0x%08x::%u not ready", session_id, service.first,
+                 service.second);
+        return false;
+    }
+    return true;
+}
+
+// Starts the worker, which from then on owns the call and its arguments.
+void start_worker(CallRecord call, vexon_exec_callback_t task, const vexon_func_call_info_t& args) {
+    try {
+        start_thread(calling_wrapper, call.get(), task, args).detach();
+    } catch (...) {
+        ClearParamsFromQueues(args);
+        throw;
+    }
+    static_cast<void>(call.release());
+}
+
+// A service's mistake is answered like any failed task instead of ending the process.
+void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task,
+              const vexon_func_call_info_t& args) {
+    try {
+        task(call, args);
+    } catch (const std::exception& error) {
+        log_line(kFailure, "Failed to run function %s (%s)", args.func_name.c_str(), error.what());
+        call->func = "-1";
+    }
+}
+
+}  // namespace
+
+int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task) {
+    const ServiceKey service{hexadecimal_opcode(request, "0x0"),
+                             request.get("subsys_id", 0).asUInt()};
+    const std::uint32_t session_id = request.get("session_id", 0).asUInt();
+    const std::uint32_t transaction_id = read_transaction_id(request);
+    MillisecondTimer timer('m', session_id, transaction_id);
+    if (!session_is_ready(session_id, service)) return -1;
+
+    CallRecord call = make_call_record();
+    if (call == nullptr) {
+        log_line(kFailure, "Out of memory");
+        return -1;
+    }
+    call->session_id = session_id;
+    call->subsys_id = service.second;
+    call->transac_id = static_cast<std::int32_t>(transaction_id);
+
+    vexon_func_call_info_t args{};
+    if (AddParamsToQueues(request, &args) != 0) {
+        // The one deliberate leak: a rejected call and what was decoded of it are not released.
+        static_cast<void>(call.release());
+        return -1;
+    }
+    start_worker(std::move(call), task, args);
+    timer.stop("KRV handleExecTask time taken from VEXON mgr to MIRT");
+    return 0;
+}
+
+void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
+                     vexon_func_call_info_t args) {
+    const CallRecord record(call);
+    run_task(call, task, args);
+    ClearParamsFromQueues(args);
+    vexa_send_response(call, "");
+}
+
+AfterMessage on_exec_task(const Json::Value& message) {
+    const std::uint32_t opcode = hexadecimal_opcode(message, "0");
+    std::lock_guard<std::mutex> lock(gReadyMutex);
+    const auto service = gReady.find(opcode);
+    if (service == gReady.end() || handle_exec_task(message, service->second.exec_callback) != 0) {
+        log_line(kFailure, "Failed to handle execute task event");
+    }
+    return AfterMessage::kClearBuffer;
+}

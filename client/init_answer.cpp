@@ -1,0 +1,20 @@
+#include "client/init_answer.h"
+
+#include "client/IVexaClient.h"
+
+AfterMessage on_init(const Json::Value& message) {
+    const int id = message.get("service_id", -1).asInt();
+    {
+        std::lock_guard<std::mutex> lock(gClientMutex);
+        gService_id = id;
+    }
+    std::lock_guard<std::mutex> lock(gInitMutex);
+    response_for_init = true;
+    init_cv.notify_one();
+    if (id < 0) {
+        gReceiving = false;  // the next vexa_svc_init() must not count on this thread any more
+        return AfterMessage::kEndThread;
+    }
+    gInitDone = true;
+    return AfterMessage::kClearBuffer;
+}

@@ -1,0 +1,19 @@
+#include <android/log.h>
+
+#include "client/IVexaClient.h"
+#include "client/logging.h"
+
+namespace {
+constexpr const char* kMarkerName = "VEXON_marker";
+}
+
+int vexa_log_marker(const char* text) {
+    if (text == nullptr) return -1;
+    const int logged =
+        __android_log_print(ANDROID_LOG_INFO, nullptr, "%s : %s : ", kMarkerName, text);
+    if (!gMarkersEnabled) return logged;
+
+    const int sent = vexa_send_to_manager_raw(text);
+    if (sent != 0) log_line(kFailure, "Message was not sent successfully %s", kMarkerName);
+    return sent;
+}

@@ -1,0 +1,169 @@
+#include "client/receive.h"
+
+#include <json/json.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "client/acknowledgement.h"
+#include "client/connection.h"
+#include "client/dispatch.h"
+#include "client/logging.h"
+#include "client/session_loss.h"
+
+namespace {
+
+constexpr std::size_t kHandshakeBufferSize = 5120;
+constexpr std::size_t kSessionBufferSize = 524288;
+constexpr useconds_t kErrorPauseUs = 500'000;
+
+thread_local bool tOnReceiveThread = false;
+
+std::unique_ptr<Json::CharReader> make_reader() {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = true;
+    builder["allowTrailingCommas"] = false;
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+}
+
+class ReceiveLoop {
+  public:
+    void run() {
+        while (receive_one()) {
+        }
+    }
+
+  private:
+    // Returns whether to go on.
+    bool receive_one() {
+        log_line(kTrace, "Waiting for recv from server");
+        errno = 0;
+        const ssize_t size =
+            ::recvfrom(socket_fd(), buffer_.data(), buffer_.size(), 0, nullptr, nullptr);
+        const int error = errno;
+        if (closed_by_this_process() || (size < 0 && error == ECONNRESET)) {
+            return end(size, error);
+        }
+        if (size == 0) {
+            log_line(kFailure, "Communication with manager failed (%s)", std::strerror(error));
+            if (!close_lost_connection(socket_)) return end(size, error);
+            recover();
+            return false;
+        }
+        if (size < 0) {
+            log_line(kFailure, "Error receiving msg from manager (%s)", std::strerror(error));
+            pause_after_error(buffer_.size());
+            return true;
+        }
+        return handle_packet(static_cast<std::size_t>(size));
+    }
+
+    // Returns false, as what comes last.
+    bool end(ssize_t size, int error) {
+        log_line(kFailure, "%s: recv failed, exit thread.. in_size = %ld, error %d:(%s)",
+                 "recv_msg_from_mgr", static_cast<long>(size), error, std::strerror(error));
+        stop_receiving(receiver_);
+        return false;
+    }
+
+    int socket_fd() const { return socket_ == nullptr ? -1 : socket_->fd(); }
+
+    bool closed_by_this_process() const {
+        return gReceiver != receiver_ || gMgrSocket_fd != socket_fd() || gMgrSocket_fd == -1;
+    }
+
+    bool handle_packet(std::size_t size) {
+        log_line(kAlways, "Client received!!!");
+        Json::Value message;
+        if (!parse(size, &message)) {
+            log_line(kFailure, "Failed to parse VEXON manager request");
+            pause_after_error(size);
+            return true;
+        }
+        const AfterMessage next = dispatch_message(message);
+        if (next == AfterMessage::kEndThread) {
+            stop_receiving(receiver_);
+            return false;
+        }
+        if (next == AfterMessage::kGrowBuffer) grow_buffer();
+        if (next != AfterMessage::kKeepBuffer) clear_buffer(size);
+        return true;
+    }
+
+    // A packet may fill the buffer to the last byte: its length bounds the text, not a NUL alone.
+    bool parse(std::size_t size, Json::Value* message) {
+        const char* const begin = buffer_.data();
+        const char* const end = std::find(begin, begin + size, '\0');
+        try {
+            return reader_->parse(begin, end, message, nullptr) && message->isObject();
+        } catch (const std::exception&) {  // nested too deeply
+            return false;
+        }
+    }
+
+    void grow_buffer() {
+        if (buffer_.size() < kSessionBufferSize) buffer_ = std::vector<char>(kSessionBufferSize);
+    }
+
+    void clear_buffer(std::size_t size) {
+        std::fill_n(buffer_.begin(), static_cast<std::ptrdiff_t>(size), '\0');
+    }
+
+    void pause_after_error(std::size_t size) {
+        clear_buffer(size);
+        ::usleep(kErrorPauseUs);
+    }
+
+    void recover() {
+        socket_ = nullptr;
+        stop_receiving(receiver_);
+        terminate_sessions();
+        forget_init();
+        if (reconnect_as(receiver_) == 0) send_reconnection_notification();
+    }
+
+    // A callback may have taken so long that the process has begun anew by now.
+    void forget_init() {
+        std::lock_guard<std::mutex> lock(gInitMutex);
+        if (gReceiver == receiver_) gInitDone = false;
+    }
+
+    const std::uint32_t receiver_ = gReceiver;
+    std::shared_ptr<ManagerSocket> socket_ = current_connection();
+    const std::unique_ptr<Json::CharReader> reader_ = make_reader();
+    std::vector<char> buffer_ = std::vector<char>(kHandshakeBufferSize);
+};
+
+}  // namespace
+
+int recv_msg_from_mgr() {
+    tOnReceiveThread = true;
+    ReceiveLoop().run();
+    return 0;
+}
+
+bool refused_on_receive_thread(const char* function) {
+    if (!tOnReceiveThread) return false;
+    log_line(kFailure, "Failed to run %s: it cannot wait for the Manager in a state callback",
+             function);
+    return true;
+}
+
+bool is_receiving() {
+    std::lock_guard<std::mutex> lock(gInitMutex);
+    return gReceiving;
+}
+
+void stop_receiving(std::uint32_t receiver) {
+    {
+        std::lock_guard<std::mutex> lock(gInitMutex);
+        if (gReceiver != receiver) return;
+        gReceiving = false;
+        init_cv.notify_all();
+    }
+    fail_pending_acknowledgements();
+}
