@@ -1,0 +1,89 @@
+#include "manager/arguments.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <utility>
+
+namespace manager {
+namespace {
+
+constexpr std::chrono::milliseconds kMaxDuration = std::chrono::hours(24);
+
+constexpr std::array<std::pair<const char*, Step>, 3> kSteps{
+    {{"init", Step::Init}, {"auth", Step::Auth}, {"ready", Step::Ready}}};
+
+Opcode parse_opcode(std::string_view text) {
+    return static_cast<Opcode>(
+        parse_hexadecimal(text, "OPCODE", std::numeric_limits<Opcode>::max()));
+}
+
+Subsystem parse_subsystem(std::string_view text) {
+    return static_cast<Subsystem>(
+        parse_decimal(text, "SUBSYS", std::numeric_limits<Subsystem>::max()));
+}
+
+Target parse_target(std::string_view text) {
+    const std::size_t colon = text.find(':');
+    if (colon == std::string_view::npos) {
+        throw BadCommand(fmt::format("OPCODE:SUBSYS expected, not \"{}\"", text));
+    }
+    Target target{parse_opcode(text.substr(0, colon)), {}};
+    std::string_view subsystems = text.substr(colon + 1);
+    for (std::size_t comma = 0; comma != std::string_view::npos;) {
+        comma = subsystems.find(',');
+        target.subsystems.push_back(parse_subsystem(subsystems.substr(0, comma)));
+        subsystems.remove_prefix(std::min(comma, subsystems.size() - 1) + 1);
+    }
+    return target;
+}
+
+}  // namespace
+
+std::int64_t take_session(Words& words) {
+    return static_cast<std::int64_t>(
+        parse_decimal(words.word("SESSION"), "SESSION", std::numeric_limits<std::int64_t>::max()));
+}
+
+Target take_target(Words& words) {
+    return parse_target(words.word("OPCODE:SUBSYS"));
+}
+
+std::vector<Target> take_targets(Words& words) {
+    std::vector<Target> targets{take_target(words)};
+    while (!words.at_end()) targets.push_back(take_target(words));
+    return targets;
+}
+
+Step take_step(Words& words) {
+    const std::string name = words.word("init, auth or ready");
+    const auto step = std::find_if(kSteps.begin(), kSteps.end(),
+                                   [&](const auto& entry) { return entry.first == name; });
+    if (step != kSteps.end()) return step->second;
+    throw BadCommand(fmt::format("init, auth or ready expected, not \"{}\"", name));
+}
+
+std::optional<Opcode> take_optional_opcode(Words& words) {
+    if (words.at_end()) return std::nullopt;
+    return parse_opcode(words.word("OPCODE"));
+}
+
+Matcher take_matcher(Words& words) {
+    const char first = words.peek();
+    if (first == '"' || first == '\'') return words.delimited("TEXT");
+    if (first != '/') return words.word("TEXT or /REGEX/");
+    try {
+        return Matcher::regex(words.delimited("/REGEX/"));
+    } catch (const std::invalid_argument& error) {
+        throw BadCommand(error.what());
+    }
+}
+
+std::chrono::milliseconds take_milliseconds(Words& words, const char* what) {
+    const auto max = static_cast<std::uint64_t>(kMaxDuration.count());
+    return std::chrono::milliseconds(parse_decimal(words.word(what), what, max));
+}
+
+}  // namespace manager

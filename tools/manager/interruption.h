@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "manager/file_descriptor.h"
+
+namespace manager {
+
+/// Turns the signals that ask the program to end (SIGINT, SIGTERM, SIGHUP) into a state that waits
+/// can watch. Make it before any other thread, which then inherits that it leaves them alone.
+class Interruption {
+  public:
+    /// `on_interrupt` is called once, on a thread of its own, when the first signal comes.
+    explicit Interruption(std::function<void()> on_interrupt);
+    ~Interruption();
+    Interruption(const Interruption&) = delete;
+    Interruption& operator=(const Interruption&) = delete;
+
+    /// The signal that came, 0 while none did.
+    int signal() const;
+
+    /// Waits until `fd` can be read or is at its end; returns false if a signal comes first.
+    bool wait_readable(int fd) const;
+
+    /// Waits for that time; returns at once when a signal comes.
+    void sleep(std::chrono::milliseconds duration) const;
+
+  private:
+    void watch(const std::function<void()>& on_interrupt);
+
+    FileDescriptor signals_;
+    /// Readable from the moment on at which this object is being destroyed.
+    FileDescriptor done_;
+    /// Readable from the moment on at which a signal came.
+    FileDescriptor came_;
+    std::atomic<int> signal_{0};
+    std::thread thread_;
+};
+
+}  // namespace manager

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+
+#include "manager/file_descriptor.h"
+
+namespace manager {
+
+/// Listens for packet connections at `path`, which every user may connect to. Replaces the socket
+/// file that a dead process left behind; throws ManagerError if a live one listens there or the
+/// path cannot be used.
+FileDescriptor listen_at(const std::string& path);
+
+/// Accepts a connection that waits, prepared for packets of the largest size the system allows us.
+/// Returns an invalid descriptor if none waits. Does not block.
+FileDescriptor accept_connection(int listener);
+
+enum class SendResult { Sent, WouldBlock, Closed };
+
+/// Sends one packet of no more than max_packet_size(). Does not block.
+SendResult send_packet(int connection, const std::string& text);
+
+/// The size in bytes of the largest packet that can be sent.
+std::size_t max_packet_size(int connection);
+
+struct Received {
+    enum class Kind { Packet, Nothing, Closed };
+    Kind kind;
+    std::string text;
+};
+
+/// Receives one packet of any size. Does not block.
+Received receive_packet(int connection);
+
+}  // namespace manager

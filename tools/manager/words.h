@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace manager {
+
+/// A command is not written as it should be; what() says what was expected.
+class BadCommand : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Takes the items of a command line, from left to right. Each item may follow blanks; each
+/// function throws BadCommand, naming the item as `what`, if it is not there or not complete.
+class Words {
+  public:
+    /// The characters of `line` must outlive this object.
+    explicit Words(std::string_view line) : rest_(line) {}
+
+    bool at_end();
+    /// The first character of the next item, NUL at the end.
+    char peek();
+
+    /// The characters up to the next blank.
+    std::string word(const char* what);
+    /// The characters between the next character and its repetition, which has to end the item. A
+    /// backslash before that character takes it as it is.
+    std::string delimited(const char* what);
+    /// A JSON array, which may hold blanks.
+    std::string json_array(const char* what);
+    /// Everything that is left, as it stands.
+    std::string rest(const char* what);
+    /// Throws BadCommand if anything is left.
+    void end();
+
+  private:
+    void require(const char* what);
+    std::string take(std::size_t size);
+
+    std::string_view rest_;
+};
+
+/// Reads the whole of `text` as a number of at most `max`; throws BadCommand, naming the number as
+/// `what`, if it is none. A hexadecimal number may begin with 0x.
+std::uint64_t parse_decimal(std::string_view text, const char* what, std::uint64_t max);
+std::uint64_t parse_hexadecimal(std::string_view text, const char* what, std::uint64_t max);
+
+}  // namespace manager
