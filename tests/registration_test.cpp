@@ -1,0 +1,183 @@
+#include "service_test.h"
+
+using manager::Step;
+
+namespace {
+
+struct Registration {
+    const char* name;
+    std::string blob;
+    std::uint32_t opcode;
+    int result;
+    const char* log_line;
+};
+
+std::string header_and(const std::string& text) {
+    return std::string("\x01VEXON\x01", 7) + text;
+}
+
+TEST_F(ServiceTest, RegistrationChecksTheDefinition) {
+    const std::string valid = "\x02" + definition("1a", "{\"id\":1}");
+    const Registration registrations[] = {
+        {"whole header", header_and(valid), 26, 0, "VEXON service authed and registered"},
+        {"no header", valid, 26, 0, "Duplicate service registration 0x0000001a::1"},
+        {"opcode with 0x", "\x02" + definition("0x1A", ""), 26, 0, ""},
+        {"header cut short", "\x01VEX" + valid, 26, 0, ""},
+        {"no opcode is opcode 0", "\x02{\"Vexon\":{}}", 0, 0, ""},
+        {"no service at all", "\x02{}", 26, -2,
+         "Mismatch opcode in registration 0 (0x00000026) vs definition (0x00000000)"},
+        {"other opcode", valid, 27, -2,
+         "Mismatch opcode in registration 1a (0x00000027) vs definition (0x00000026)"},
+        {"version 3", header_and("\x03{}"), 26, -1, "Unsupported API definition (wanted 2; got 3)"},
+        {"version missing", header_and(""), 26, -1, "Unsupported API definition (wanted 2; got 0)"},
+        {"not JSON", "\x02{\"Vexon\":", 26, -1,
+         "Parsing of API definition failed!! (opcode 0x0000001a)"},
+        {"trailing comma", "\x02{\"Vexon\":{\"opcode\":\"1a\",}}", 26, -1,
+         "  JSON failure * Line 1"},
+        {"not an object", "\x02[1]", 26, -1, "  JSON failure "},
+        {"too deep", "\x02" + std::string(2000, '['), 26, -1, "  JSON failure "},
+        {"subsystem of a wrong kind", "\x02" + definition("1a", "{\"id\":\"x\"}"), 26, -1,
+         "  JSON failure "},
+    };
+    ASSERT_NO_FATAL_FAILURE(init());
+    for (const Registration& registration : registrations) {
+        SCOPED_TRACE(registration.name);
+        const auto* blob = reinterpret_cast<const std::uint8_t*>(registration.blob.c_str());
+        const std::size_t sent = manager_.received().size();
+        log_.clear();
+        EXPECT_EQ(registration.result,
+                  _vexa_svc_register_auth(id(), registration.opcode, blob, "token"));
+        EXPECT_TRUE(log_.contains(registration.log_line));
+        EXPECT_EQ(sent + (registration.result == 0 ? 1 : 0), manager_.received().size());
+    }
+    EXPECT_TRUE(is_service_supported(26, 1));
+    EXPECT_FALSE(is_service_supported(26, 2));
+}
+
+TEST_F(ServiceTest, RegistrationAndReadinessHaveTheirWireForm) {
+    ASSERT_NO_FATAL_FAILURE(init());
+    const std::string json = definition("1a", "{\"id\":1},{\"id\":2}");
+    ASSERT_NO_FATAL_FAILURE(offer(kOpcode, "1a"));
+    EXPECT_TRUE(expect_exactly(R"({"req_type":"AUTH","Service_Id":1,"Opcode":26,"api_def":)" +
+                               json + R"(,"Token":"token"})"));
+    EXPECT_TRUE(log_.contains("json is " + json));
+    EXPECT_TRUE(log_.contains("Successfully authed and added 0x0000001a::2 service mapping"));
+    EXPECT_TRUE(expect_exactly(R"({"req_type":"REDY","Service_Id":1 ,"Opcode":26})"));
+
+    EXPECT_EQ(0, vexa_svc_deinit(id()));
+    EXPECT_TRUE(expect_exactly(R"({"req_type":"DINT","Service_Id":1})"));
+    EXPECT_TRUE(expect_exactly("EXIT"));
+    EXPECT_TRUE(log_.contains("gService_id is -1, svc_id is 1"));
+    EXPECT_FALSE(is_service_supported(kOpcode, 1));
+    EXPECT_EQ(-3, vexa_svc_deinit(id()));
+}
+
+TEST_F(ServiceTest, OpcodesUseAll32Bits) {
+    ASSERT_NO_FATAL_FAILURE(init());
+    ASSERT_NO_FATAL_FAILURE(offer(4294967295U, "ffffffff"));
+    EXPECT_TRUE(is_service_supported(4294967295U, 2));
+}
+
+TEST_F(ServiceTest, CallsBeforeInitOrWithAnotherIdAreRefused) {
+    const auto blob = with_header(definition("1a", ""));
+    const auto calls = [&](std::uint32_t service_id) {
+        return std::vector<int>{
+            _vexa_svc_register_auth(service_id, kOpcode, blob.data(), "token"),
+            _vexa_svc_ready(service_id, kOpcode, StateRecorder::record, &recorder_, echo_name),
+            vexa_svc_deinit(service_id)};
+    };
+    EXPECT_EQ((std::vector<int>{-3, -3, -3}), calls(1));
+    ASSERT_NO_FATAL_FAILURE(init());
+    EXPECT_EQ((std::vector<int>{-2, -2, -2}), calls(2));
+    EXPECT_EQ(-2, _vexa_svc_register_auth(id(), kOpcode, nullptr, "token"));
+    EXPECT_EQ(-2, _vexa_svc_register_auth(id(), kOpcode, blob.data(), nullptr));
+    EXPECT_EQ(-1, _vexa_svc_register(id(), kOpcode, blob.data()));
+    EXPECT_EQ(1U, manager_.received().size()) << "only INIT";
+}
+
+TEST_F(ServiceTest, RefusalsLeaveNothingBehind) {
+    ASSERT_NO_FATAL_FAILURE(init());
+    const auto blob = with_header(definition("1a", "{\"id\":1}"));
+    manager_.refuse(Step::Auth);
+    EXPECT_EQ(-1, _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token"));
+    EXPECT_TRUE(log_.contains("VEXON service auth registration failed."));
+    EXPECT_FALSE(is_service_supported(kOpcode, 1));
+    manager_.accept(Step::Auth);
+    EXPECT_EQ(0, _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token"));
+
+    manager_.refuse(Step::Ready);
+    EXPECT_EQ(-1, _vexa_svc_ready(id(), kOpcode, StateRecorder::record, &recorder_, echo_name));
+    EXPECT_TRUE(log_.contains("Failed to make service ready at manager; aborting"));
+    manager_.start_session(5, {{kOpcode, {1}}});
+    EXPECT_TRUE(expect("\"Result\":\"Failed\""));
+    EXPECT_TRUE(recorder_.calls().empty());
+    manager_.accept(Step::Ready);
+    EXPECT_EQ(0, _vexa_svc_ready(id(), kOpcode, StateRecorder::record, &recorder_, echo_name));
+}
+
+TEST_F(ServiceTest, CallersReturnWhenTheirRequestCannotBeSentOrAnswered) {
+    const auto blob = with_header(definition("1a", ""));
+    const auto register_service = [&] {
+        return _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token");
+    };
+    const auto declare_ready = [&] {
+        return _vexa_svc_ready(id(), kOpcode, StateRecorder::record, &recorder_, echo_name);
+    };
+    ASSERT_NO_FATAL_FAILURE(init());
+    manager_.set_silent(Step::Auth, true);
+    manager_.set_silent(Step::Ready, true);
+    auto registering = std::async(std::launch::async, register_service);
+    auto declaring = std::async(std::launch::async, declare_ready);
+    ASSERT_TRUE(expect([seen = std::make_shared<int>(0)](const manager::Packet& packet) {
+        return packet.text.find("Service_Id") != std::string::npos && ++*seen == 2;
+    }));
+    EXPECT_EQ(0, vexa_svc_deinit(id()));
+    EXPECT_EQ(-1, registering.get());
+    EXPECT_EQ(-1, declaring.get());
+
+    manager_.set_silent(Step::Auth, false);
+    manager_.set_silent(Step::Ready, false);
+    ASSERT_NO_FATAL_FAILURE(init());
+    disconnect_from_manager();
+    EXPECT_EQ(-1, register_service());
+    EXPECT_TRUE(
+        log_.contains("VEXON service authenticate and registration failed to send to manager."));
+    EXPECT_EQ(-1, declare_ready());
+    EXPECT_TRUE(log_.contains("client NOT able to send msg"));
+
+    ASSERT_EQ(0, vexa_svc_deinit(id()));
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+}
+
+// The acknowledgement may be quicker than the caller's wait for it.
+TEST_F(ServiceTest, NoAcknowledgementIsSleptThrough) {
+    ASSERT_NO_FATAL_FAILURE(init());
+    std::vector<std::thread> threads;
+    for (std::uint32_t thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([this, thread] {
+            for (std::uint32_t i = 0; i < 100; ++i) {
+                char hex[9];
+                const std::uint32_t opcode = (thread << 8) + i;
+                std::snprintf(hex, sizeof(hex), "%x", opcode);
+                offer(opcode, hex);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(801U, manager_.received().size());
+}
+
+TEST_F(ServiceTest, ReadinessCannotBeDeclaredFromAStateCallback) {
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    std::promise<int> result;
+    recorder_.answer_with([&](const vexa_req_t&) {
+        result.set_value(_vexa_svc_ready(id(), 27, StateRecorder::record, &recorder_, echo_name));
+        return 0;
+    });
+    manager_.start_session(5, {{kOpcode, {1}}});
+    EXPECT_EQ(-1, result.get_future().get());
+    EXPECT_TRUE(log_.contains(
+        "Failed to run _vexa_svc_ready: it cannot wait for the Manager in a state callback"));
+}
+
+}  // namespace
