@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "client/logging.h"
+
 // Measures one step of handling from its construction on and logs the time. `Duration` is the unit
 // of the figure, `unit` its letter before the "s" (0 = none). Used by one thread.
 template <class Duration>
@@ -33,7 +35,7 @@ class VexonTimer {
         line += ' ' + std::to_string(std::chrono::duration_cast<Duration>(stop_ - start_).count());
         if (unit_ != 0) line += unit_;
         line += 's';
-        __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s", line.c_str());
+        log_with_priority(ANDROID_LOG_DEBUG, "%s", line.c_str());
     }
 
   private:

@@ -1,15 +1,63 @@
 #include "client/logging.h"
 
 #include <android/log.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdarg>
 
 #include "client/IVexaClient.h"
+
+namespace {
+
+constexpr int kExitPauses = 1000;
+constexpr useconds_t kExitPauseUs = 1000;
+
+// How many lines are being written.
+std::atomic<int> gLinesInWork{0};
+std::atomic<bool> gLogClosed{false};
+
+// The Android log has statics that die when the process exits, while our threads go on. No line is
+// begun after this object has died, and it waits, for a second at most, for those that were.
+class LogCloser {
+  public:
+    ~LogCloser() {
+        gLogClosed = true;
+        for (int i = 0; gLinesInWork > 0 && i < kExitPauses; ++i) ::usleep(kExitPauseUs);
+    }
+};
+
+class LineScope {
+  public:
+    LineScope() { ++gLinesInWork; }
+    ~LineScope() { --gLinesInWork; }
+    LineScope(const LineScope&) = delete;
+    LineScope& operator=(const LineScope&) = delete;
+};
+
+__attribute__((format(printf, 2, 0))) int write_line(int priority, const char* format,
+                                                     va_list arguments) {
+    const LineScope scope;
+    if (gLogClosed) return 0;
+    const int result = __android_log_vprint(priority, nullptr, format, arguments);
+    static const LogCloser closer;  // younger than the log's statics, so it dies before them
+    return result;
+}
+
+}  // namespace
 
 void log_line(LogLevel level, const char* format, ...) {
     if (gDebugLevel < level) return;
     va_list arguments;
     va_start(arguments, format);
-    __android_log_vprint(ANDROID_LOG_ERROR, nullptr, format, arguments);
+    write_line(ANDROID_LOG_ERROR, format, arguments);
     va_end(arguments);
+}
+
+int log_with_priority(int priority, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = write_line(priority, format, arguments);
+    va_end(arguments);
+    return result;
 }

@@ -1,4 +1,5 @@
-// Diagnostics. Every line goes to the Android log; any thread may write one.
+// Diagnostics. Every line goes to the Android log without a tag of its own; any thread may write
+// one, also while the process exits.
 
 #pragma once
 
@@ -11,5 +12,9 @@ enum LogLevel : int {
     kProgress = 4,
 };
 
-// Writes one line with error priority and the log's default tag if gDebugLevel has reached `level`.
+// Writes one line with error priority if gDebugLevel has reached `level`.
 __attribute__((format(printf, 2, 3))) void log_line(LogLevel level, const char* format, ...);
+
+// Writes one line with a priority of <android/log.h>, whatever gDebugLevel is. Returns what the
+// Android log returns.
+__attribute__((format(printf, 2, 3))) int log_with_priority(int priority, const char* format, ...);

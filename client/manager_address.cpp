@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include "client/IVexaClient.h"
+#include "client/logging.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ bool starts_with(const std::string& text, const std::string& prefix) {
 std::string own_name() {
     char name[16] = {};  // the kernel's limit, with the terminating NUL
     if (::prctl(PR_GET_NAME, name) != 0) {
-        __android_log_print(ANDROID_LOG_INFO, nullptr, "Error getting thread name.");
+        log_with_priority(ANDROID_LOG_INFO, "Error getting thread name.");
         return "";
     }
     const std::string text = name;

@@ -9,8 +9,7 @@ constexpr const char* kMarkerName = "VEXON_marker";
 
 int vexa_log_marker(const char* text) {
     if (text == nullptr) return -1;
-    const int logged =
-        __android_log_print(ANDROID_LOG_INFO, nullptr, "%s : %s : ", kMarkerName, text);
+    const int logged = log_with_priority(ANDROID_LOG_INFO, "%s : %s : ", kMarkerName, text);
     if (!gMarkersEnabled) return logged;
 
     const int sent = vexa_send_to_manager_raw(text);

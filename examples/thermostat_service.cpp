@@ -1,0 +1,238 @@
+// A room thermostat that other programs reach through the Manager: an example of a service process.
+
+#include <vexon2_0.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <numeric>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "arguments.h"
+
+namespace {
+
+constexpr std::uint32_t kOpcode = 0x1a;
+constexpr char kToken[] = "thermostat";
+
+// The "opcode" is kOpcode in hexadecimal.
+constexpr char kApiDefinition[] =
+    "\x01VEXON\x01\x02"
+    R"({"Vexon":{
+  "opcode":"1a","name":"thermostat","subsystems":[{"id":1}],
+  "functions":[
+    {"name":"set_target","args":[{"id":0,"name":"celsius","type":"double"}]},
+    {"name":"set_locked","args":[{"id":0,"name":"locked","type":"boolean"}]},
+    {"name":"set_period","args":[{"id":0,"name":"period","type":"struct","members":[
+      {"id":0,"name":"from_hour","type":"uint8"},{"id":1,"name":"to_hour","type":"uint8"},
+      {"id":2,"name":"celsius","type":"double"}]}]},
+    {"name":"calibrate","args":[
+      {"id":0,"name":"reference_celsius","type":"vector","vec_type":"double"}]},
+    {"name":"measure","args":[]}]}})";
+
+struct Thermostat {
+    std::mutex mutex;  // for all but `measuring`
+    bool locked = false;
+    double room_celsius = 18;
+    double target_celsius = 20;
+    double sensor_error = 0;
+    std::array<double, 24> schedule{};  // by the hour, 0: not heated
+    std::atomic<int> measuring{0};
+};
+
+// Never destroyed: a task may still run when main() returns.
+Thermostat& gThermostat = *new Thermostat;
+
+// Prints the line as a whole, so that lines of several threads do not mix.
+void say(const std::string& text) {
+    std::fputs(("thermostat: " + text + "\n").c_str(), stdout);
+    std::fflush(stdout);
+}
+
+template <class T>
+std::string member(const char* name, const T& value) {
+    std::ostringstream text;
+    text << std::boolalpha << '"' << name << "\":" << value;
+    return text.str();
+}
+
+// ---------------------------------------------------------------------------------------------
+// The functions: each returns the members of its reply
+
+void require(bool condition, const char* otherwise) {
+    if (!condition) throw CallError(kRefused, otherwise);
+}
+
+void require_celsius(double celsius) {
+    require(celsius >= 5 && celsius <= 30, "only 5 to 30 degrees are possible");
+}
+
+std::string set_locked(const vexon_type_map_t& arguments) {
+    const bool locked = get<bool>(arguments, 0);
+    const std::lock_guard lock(gThermostat.mutex);
+    gThermostat.locked = locked;
+    return member("locked", locked);
+}
+
+std::string set_target(const vexon_type_map_t& arguments) {
+    const double celsius = get<double>(arguments, 0);
+    require_celsius(celsius);
+    const std::lock_guard lock(gThermostat.mutex);
+    require(!gThermostat.locked, "the thermostat is locked");
+    gThermostat.target_celsius = celsius;
+    return member("target", celsius);
+}
+
+std::string set_period(const vexon_type_map_t& arguments) {
+    const auto& period = get<vexon_type_map_t>(arguments, 0);
+    const auto from_hour = get<unsigned char>(period, 0);
+    const auto to_hour = get<unsigned char>(period, 1);
+    const double celsius = get<double>(period, 2);
+    require(from_hour < to_hour && to_hour <= 24, "there is no such period");
+    require_celsius(celsius);
+    const std::lock_guard lock(gThermostat.mutex);
+    require(!gThermostat.locked, "the thermostat is locked");
+    auto& schedule = gThermostat.schedule;
+    std::fill(schedule.begin() + from_hour, schedule.begin() + to_hour, celsius);
+    return member("heated_hours", 24 - std::count(schedule.begin(), schedule.end(), 0));
+}
+
+std::string calibrate(const vexon_type_map_t& arguments) {
+    const auto& references = get<std::vector<double>>(arguments, 0);
+    require(!references.empty(), "there is no reference");
+    for (const double reference : references) require_celsius(reference);
+    const double sum = std::accumulate(references.begin(), references.end(), 0.0);
+    const std::lock_guard lock(gThermostat.mutex);
+    gThermostat.sensor_error =
+        gThermostat.room_celsius - sum / static_cast<double>(references.size());
+    return member("sensor_error", gThermostat.sensor_error);
+}
+
+// Takes its time, in which other tasks run: it holds no lock while it waits.
+std::string measure(const vexon_type_map_t&) {
+    const int at_once = ++gThermostat.measuring;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    --gThermostat.measuring;
+    const std::lock_guard lock(gThermostat.mutex);
+    gThermostat.room_celsius += (gThermostat.target_celsius - gThermostat.room_celsius) / 4;
+    return member("celsius", gThermostat.room_celsius - gThermostat.sensor_error) + "," +
+           member("at_once", at_once);
+}
+
+struct Function {
+    const char* name;
+    std::string (*run)(const vexon_type_map_t& arguments);
+};
+
+constexpr Function kFunctions[] = {{"set_target", set_target},
+                                   {"set_locked", set_locked},
+                                   {"set_period", set_period},
+                                   {"calibrate", calibrate},
+                                   {"measure", measure}};
+
+const Function& find_function(const std::string& name) {
+    for (const Function& function : kFunctions) {
+        if (function.name == name) return function;
+    }
+    throw CallError(kNoFunction, "there is no such function");
+}
+
+// ---------------------------------------------------------------------------------------------
+// The callbacks
+
+void fill(_vexon_call_info_t* call, ReturnValue value, const std::string& members) {
+    call->status = value == kDone ? 0 : -1;
+    call->return_value = value;
+    call->func = members;
+    say(call->name + " answers " + members);
+}
+
+int on_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
+    const vexon_type_map_t none;
+    call->opcode = "0x1a";
+    // Not the name that was asked for, which may hold characters that a reply must not hold.
+    call->name = "unknown";
+    try {
+        const Function& function = find_function(args.func_name);
+        call->name = function.name;
+        fill(call, kDone, function.run(args.type_queue == nullptr ? none : *args.type_queue));
+    } catch (const CallError& error) {
+        fill(call, error.return_value, "\"error\":\"" + std::string(error.what()) + "\"");
+    } catch (const std::exception&) {
+        fill(call, kBroken, "\"error\":\"internal error\"");
+    }
+    return 0;
+}
+
+std::string describe(const vexa_req_t& request) {
+    const std::string session = "session " + std::to_string(request.session_id);
+    switch (request.status) {
+        case VEXA_STATUS_TERMINATED:
+            return "the Manager is gone";
+        case VEXA_STATUS_RECONNECTED:
+            return "the Manager is back";
+        case VEXA_STATUS_SESSION_START:
+            return session + " may start";
+        case VEXA_STATUS_SESSION_READY:
+            return session + " is ready";
+        case VEXA_STATUS_SESSION_END:
+            return session + " ends";
+        default:
+            return "notice " + std::to_string(request.status);
+    }
+}
+
+int on_state(int, vexa_req_t* request, void*) {
+    say(describe(*request));
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+// Threads inherit what is blocked, so this comes before any thread is started.
+sigset_t block_ending_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+void check(int result, const std::string& failure) {
+    if (result < 0) throw std::runtime_error(failure + " (" + std::to_string(result) + ")");
+}
+
+void run_service() {
+    const sigset_t ending_signals = block_ending_signals();
+    const int id = vexa_svc_init();
+    check(id, "cannot reach the Manager, or it refused");
+    const auto service_id = static_cast<std::uint32_t>(id);
+    const auto* definition = reinterpret_cast<const std::uint8_t*>(kApiDefinition);
+    check(_vexa_svc_register_auth(service_id, kOpcode, definition, kToken), "cannot register");
+    check(_vexa_svc_ready(service_id, kOpcode, on_state, nullptr, on_task), "cannot become ready");
+    say("ready as service " + std::to_string(id));
+
+    int signal = 0;
+    sigwait(&ending_signals, &signal);
+    say("ending");
+    check(vexa_svc_deinit(service_id), "cannot take leave of the Manager");
+}
+
+}  // namespace
+
+int main() try {
+    run_service();
+    return 0;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "thermostat: %s\n", error.what());
+    return 1;
+}

@@ -1,0 +1,137 @@
+#include "faults.h"
+
+#include <cerrno>
+
+#include "client/IVexaClient.h"
+#include "client/query.h"
+#include "service_test.h"
+
+namespace {
+
+class FaultTest : public ServiceTest {
+  protected:
+    void SetUp() override {
+        ASSERT_NO_FATAL_FAILURE(init_and_offer());
+        ASSERT_NO_FATAL_FAILURE(open_session(5));
+        ASSERT_NO_FATAL_FAILURE(wait_until_handled());  // no failure shall hit what comes before
+    }
+
+    bool serves(std::uint32_t session = 5) {
+        return manager_.await_reply(manager_.exec_task({session, kOpcode, 1, "f"}), kSoon)
+            .has_value();
+    }
+};
+
+TEST_F(ServiceTest, InitReportsAThreadThatCannotStart) {
+    fail(Call::kPthreadCreate, EAGAIN);
+    try {
+        vexa_svc_init();
+        FAIL() << "must throw";
+    } catch (const std::system_error& error) {
+        EXPECT_NE(std::string::npos, std::string(error.what()).find("thread constructor failed"));
+        EXPECT_EQ(EAGAIN, error.code().value());
+    }
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+}
+
+TEST_F(ServiceTest, InitReportsWhatItCannotOpenOrSend) {
+    fail(Call::kSocket, EMFILE);
+    EXPECT_EQ(-1, vexa_svc_init());
+    EXPECT_TRUE(log_.contains(
+        "Failed to connect to VEXON Manager (socket creation failed Too many open files)"));
+    fail(Call::kSendTo, ENOBUFS);
+    EXPECT_EQ(-1, vexa_svc_init());
+    EXPECT_TRUE(log_.contains("Failed to initiate communication with server"));
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    EXPECT_TRUE(manager_.wait_for_clients(1, kSoon));
+}
+
+TEST_F(FaultTest, ATaskWhoseThreadOrRecordCannotBeMadeIsDropped) {
+    fail(Call::kPthreadCreate, EAGAIN);
+    manager_.exec_task({5, kOpcode, 1, "f", R"([{"id":0,"type":"string","value":"released"}])"});
+    EXPECT_TRUE(log_.wait_for(
+        "Failed to handle message of type 'exec_task' (thread constructor failed", kSoon));
+    EXPECT_TRUE(serves());
+
+    fail(Call::kCalloc, ENOMEM);
+    manager_.exec_task({5, kOpcode, 1, "f"});
+    EXPECT_TRUE(log_.wait_for("Failed to handle execute task event", kSoon));
+    EXPECT_TRUE(log_.contains("Out of memory"));
+    EXPECT_TRUE(serves());
+}
+
+TEST_F(FaultTest, SendsThatFailAreLoggedAndHarmless) {
+    for (const int error : {EPIPE, ENOBUFS, EAGAIN}) {
+        log_.clear();
+        fail(Call::kSendTo, error);
+        manager_.exec_task({5, kOpcode, 1, "f"});
+        EXPECT_TRUE(log_.wait_for("client NOT able to send msg", kSoon));
+        EXPECT_TRUE(serves());
+    }
+    fail(Call::kSendTo, 0);
+    EXPECT_EQ(0, vexa_send_to_manager_raw("short!")) << "a short send is not noticed";
+    EXPECT_TRUE(expect_exactly("short"));
+
+    const std::pair<const char*, const char*> messages[] = {
+        {R"({"req_type":"start_session","session_id":6,"opcodes":[]})",
+         "Failed to send start session response to VEXON Manager"},
+        {R"({"req_type":"end_session","session_id":6,"opcodes":[]})",
+         "Failed to send end session response to VEXON Manager"},
+    };
+    for (const auto& [message, log_line] : messages) {
+        fail(Call::kSendTo, ENOBUFS);
+        manager_.send_to_all(message);
+        EXPECT_TRUE(log_.wait_for(log_line, kSoon));
+    }
+    fail(Call::kSendTo, ENOBUFS, 2);
+    EXPECT_EQ(0, vexa_svc_deinit(id()));
+    EXPECT_TRUE(log_.contains("Failed to receive VEXON deinit ack; proceeding anyways"));
+    EXPECT_TRUE(log_.contains("Failed to disconnect to manager - proceeding anyways"));
+}
+
+TEST_F(FaultTest, ReceiveErrorsCostAPauseAndAResetEndsTheThread) {
+    for (const int error : {EINTR, ENOMEM}) {
+        fail(Call::kRecvFrom, error);
+        manager_.send_to_all("{}");
+        EXPECT_TRUE(log_.wait_for(
+            "Error receiving msg from manager (" + std::string(std::strerror(error)) + ")", kSoon));
+        EXPECT_TRUE(serves());
+    }
+    fail(Call::kRecvFrom, ECONNRESET);
+    manager_.send_to_all("{}");
+    EXPECT_TRUE(log_.wait_for(
+        "recv_msg_from_mgr: recv failed, exit thread.. in_size = -1, error 104:(Connection reset",
+        kSoon));
+    EXPECT_FALSE(log_.contains("Communication with manager failed"));
+    ASSERT_EQ(0, vexa_svc_deinit(id()));
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    ASSERT_NO_FATAL_FAILURE(open_session(6));
+    EXPECT_TRUE(serves(6));
+}
+
+TEST_F(FaultTest, AQueryThatCannotWaitThrowsAndLeavesNothing) {
+    fail(Call::kCondClockwait, EINVAL);
+    try {
+        vexa_info_query(5, {"x"});
+        FAIL() << "must throw";
+    } catch (const std::system_error& error) {
+        EXPECT_NE(std::string::npos,
+                  std::string(error.what()).find("condition_variable timed_wait failed"));
+    }
+    std::lock_guard<std::mutex> lock(gInfoMutex);
+    EXPECT_TRUE(gInfo.empty());
+}
+
+TEST(QueryIds, WrapFromTheLargestTo1) {
+    CapturedLog log;
+    {
+        std::lock_guard<std::mutex> lock(gQueryIdMutex);
+        gQueryId = UINT32_MAX - 1;
+    }
+    EXPECT_EQ(UINT32_MAX, next_query_id());
+    EXPECT_FALSE(log.contains("query id have reached the maximum."));
+    EXPECT_EQ(1U, next_query_id());
+    EXPECT_TRUE(log.contains("query id have reached the maximum."));
+}
+
+}  // namespace

@@ -1,0 +1,114 @@
+#include "faults.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+
+#define EXPORTED __attribute__((visibility("default")))
+
+// Where a sanitizer intercepts a function, its interceptor is the real one.
+extern "C" {
+[[gnu::weak]] decltype(pthread_create) __interceptor_pthread_create;
+[[gnu::weak]] decltype(pthread_cond_clockwait) __interceptor_pthread_cond_clockwait;
+[[gnu::weak]] decltype(socket) __interceptor_socket;
+[[gnu::weak]] decltype(sendto) __interceptor_sendto;
+[[gnu::weak]] decltype(recvfrom) __interceptor_recvfrom;
+[[gnu::weak]] void* __interceptor_calloc(std::size_t, std::size_t);
+void* __libc_calloc(std::size_t, std::size_t);
+}
+
+namespace {
+
+// With which the library sends and receives, other than the Manager in the same process.
+constexpr int kLibraryFlags = 0;
+
+struct Demand {
+    std::atomic<int> times{0};
+    std::atomic<int> error{0};
+};
+
+std::array<Demand, 6> gDemands;
+
+Demand& demand(Call call) {
+    return gDemands[static_cast<std::size_t>(call)];
+}
+
+// Returns whether this call has to fail.
+bool due(Call call) {
+    std::atomic<int>& times = demand(call).times;
+    int left = times;
+    while (left > 0 && !times.compare_exchange_weak(left, left - 1)) {
+    }
+    return left > 0;
+}
+
+int failed(Call call) {
+    errno = demand(call).error;
+    return -1;
+}
+
+template <class Function>
+Function* real(Function* interceptor, const char* name) {
+    if (interceptor != nullptr) return interceptor;
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+void fail(Call call, int error, int times) {
+    demand(call).error = error;
+    demand(call).times = times;
+}
+
+bool all_failed(Call call) {
+    return demand(call).times == 0;
+}
+
+extern "C" {
+
+EXPORTED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                            void* (*start)(void*), void* argument) noexcept {
+    if (due(Call::kPthreadCreate)) return demand(Call::kPthreadCreate).error;
+    return real(__interceptor_pthread_create, "pthread_create")(thread, attributes, start,
+                                                                argument);
+}
+
+EXPORTED int pthread_cond_clockwait(pthread_cond_t* cv, pthread_mutex_t* mutex, clockid_t clock,
+                                    const timespec* deadline) {
+    if (due(Call::kCondClockwait)) return demand(Call::kCondClockwait).error;
+    return real(__interceptor_pthread_cond_clockwait, "pthread_cond_clockwait")(cv, mutex, clock,
+                                                                                deadline);
+}
+
+EXPORTED int socket(int domain, int type, int protocol) noexcept {
+    if (due(Call::kSocket)) return failed(Call::kSocket);
+    return real(__interceptor_socket, "socket")(domain, type, protocol);
+}
+
+EXPORTED ssize_t sendto(int fd, const void* data, std::size_t size, int flags,
+                        const sockaddr* address, socklen_t address_size) {
+    const bool is_due = flags == kLibraryFlags && due(Call::kSendTo);
+    if (is_due && demand(Call::kSendTo).error != 0) return failed(Call::kSendTo);
+    return real(__interceptor_sendto, "sendto")(fd, data, is_due ? size - 1 : size, flags, address,
+                                                address_size);
+}
+
+EXPORTED ssize_t recvfrom(int fd, void* data, std::size_t size, int flags, sockaddr* address,
+                          socklen_t* address_size) {
+    const ssize_t received =
+        real(__interceptor_recvfrom, "recvfrom")(fd, data, size, flags, address, address_size);
+    return flags == kLibraryFlags && due(Call::kRecvFrom) ? failed(Call::kRecvFrom) : received;
+}
+
+EXPORTED void* calloc(std::size_t count, std::size_t size) noexcept {
+    if (due(Call::kCalloc)) return nullptr;
+    return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size)
+                                           : __libc_calloc(count, size);
+}
+
+}  // extern "C"

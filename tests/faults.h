@@ -1,0 +1,16 @@
+// Failures of the C library on demand. The test program defines these functions itself, so that the
+// library under test calls them instead of the real ones, which do the work unless a failure is
+// due.
+
+#pragma once
+
+#include <string>
+
+enum class Call { kPthreadCreate, kCondClockwait, kSocket, kSendTo, kRecvFrom, kCalloc };
+
+// Has the next `times` calls, of whichever thread, fail with `error`. For kSendTo and an error of 0
+// the call sends all but the last byte. Replaces what was demanded of the function before.
+void fail(Call call, int error, int times = 1);
+
+// Returns whether all that was demanded has happened.
+bool all_failed(Call call);
