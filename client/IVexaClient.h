@@ -1,4 +1,4 @@
-// State of the client. All of it stands here, and nothing else in the library keeps any.
+// State of the client. All of it stands here, but for what belongs to one thread or to the log.
 //
 // The objects are made when the library is loaded and never destroyed: detached threads may still
 // lock, log and look things up while the process exits. That is why those with a destructor are
@@ -6,7 +6,8 @@
 //
 // Order of the locks. Whoever holds a lock takes only such as stand to its right, or below:
 //   gInitCallMutex, gInitMutex, gConnectMutex
-//   gReadyMutex, gSessionsMutex
+//   gReadyMutex, gSessionsMutex (but a session's callback, which has the latter, may call
+//   vexa_svc_deinit(): tasks, which need both, are then handled by no other thread)
 //   gReadyMutex, gReadyWaitMutex
 //   gAuthMutex or gRegsMutex, gAuthWaitMutex
 //   gClientMutex, gServicesMutex, gQueryIdMutex, gPermMutex, gInfoMutex, gSendMutex: one at a time

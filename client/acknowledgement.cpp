@@ -7,16 +7,6 @@
 
 namespace {
 
-constexpr std::int32_t kFailed = -1;
-
-void answer(const waiter_meta_data<std::int32_t>& waiter, std::int32_t result,
-            std::mutex& wait_mutex) {
-    std::lock_guard<std::mutex> lock(wait_mutex);
-    *waiter.result = result;
-    *waiter.done = true;
-    waiter.cv->notify_one();
-}
-
 struct Verdict {
     std::uint32_t opcode;
     std::int32_t result;
@@ -26,22 +16,26 @@ struct Verdict {
 Verdict read_verdict(const Json::Value& message) {
     const long long opcode = std::stoll(message.get("opcode", "0").asString());
     if (opcode < INT32_MIN || opcode > UINT32_MAX) throw std::out_of_range("opcode");
-    return {static_cast<std::uint32_t>(opcode), message.get("result", kFailed).asInt()};
+    return {static_cast<std::uint32_t>(opcode), message.get("result", kNotAnswered).asInt()};
 }
 
 template <class Table>
 AfterMessage deliver(const Verdict& verdict, const Table& table, std::mutex& wait_mutex) {
+    if (superseded()) return AfterMessage::kEndThread;
     const auto entry = table.find(verdict.opcode);
-    if (entry != table.end()) answer(entry->second, verdict.result, wait_mutex);
+    if (entry != table.end()) answer_waiter(entry->second, verdict.result, wait_mutex);
     return AfterMessage::kClearBuffer;
 }
 
-template <class Table>
-void fail_all(const Table& table, std::mutex& wait_mutex) {
-    for (const auto& entry : table) answer(entry.second, kFailed, wait_mutex);
-}
-
 }  // namespace
+
+void answer_waiter(const waiter_meta_data<std::int32_t>& waiter, std::int32_t result,
+                   std::mutex& wait_mutex) {
+    std::lock_guard<std::mutex> lock(wait_mutex);
+    *waiter.result = result;
+    *waiter.done = true;
+    waiter.cv->notify_one();
+}
 
 AfterMessage on_auth(const Json::Value& message) {
     const Verdict verdict = read_verdict(message);
@@ -67,7 +61,7 @@ std::int32_t await_acknowledgement(const waiter_meta_data<std::int32_t>& waiter,
     const bool can_be_answered = is_receiving();
     std::unique_lock<std::mutex> lock(wait_mutex);
     waiter.cv->wait(lock, [&] { return *waiter.done || !can_be_answered; });
-    if (!*waiter.done) return kFailed;
+    if (!*waiter.done) return kNotAnswered;
     *waiter.done = false;
     return *waiter.result;
 }
@@ -75,8 +69,8 @@ std::int32_t await_acknowledgement(const waiter_meta_data<std::int32_t>& waiter,
 void fail_pending_acknowledgements() {
     {
         std::lock_guard<std::mutex> lock(gAuthMutex);
-        fail_all(gAuth, gAuthWaitMutex);
+        if (!superseded()) fail_waiters(gAuth, gAuthWaitMutex);
     }
     std::lock_guard<std::mutex> lock(gReadyMutex);
-    fail_all(gReady, gReadyWaitMutex);
+    if (!superseded()) fail_waiters(gReady, gReadyWaitMutex);
 }

@@ -24,5 +24,19 @@ Waiter make_waiter() {
 std::int32_t await_acknowledgement(const waiter_meta_data<std::int32_t>& waiter,
                                    std::mutex& wait_mutex) EXCLUDES(wait_mutex, gInitMutex);
 
-// Answers all callers that wait for a verdict with -1.
+// The verdict for those who will get none.
+constexpr std::int32_t kNotAnswered = -1;
+
+// Stores the verdict and wakes the caller that waits for it.
+void answer_waiter(const waiter_meta_data<std::int32_t>& waiter, std::int32_t result,
+                   std::mutex& wait_mutex) EXCLUDES(wait_mutex);
+
+// Answers all callers whose waiters stand in `table` with -1. The table's lock is held.
+template <class Table>
+void fail_waiters(const Table& table, std::mutex& wait_mutex) {
+    for (const auto& entry : table) answer_waiter(entry.second, kNotAnswered, wait_mutex);
+}
+
+// Answers all callers that wait for a verdict with -1, for the receive thread that would have
+// received it.
 void fail_pending_acknowledgements() EXCLUDES(gAuthMutex, gReadyMutex);

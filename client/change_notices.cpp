@@ -6,6 +6,7 @@
 
 #include "client/IVexaClient.h"
 #include "client/logging.h"
+#include "client/receive.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ void notify_ready_services(const vexa_req_t& notice, Wanted wanted) {
     const int service_id = current_service_id();
     std::lock_guard<std::mutex> lock(gReadyMutex);
     const NoticeScope scope;
+    if (superseded()) return;
     for (const auto& [opcode, service] : gReady) {
         if (wanted(service)) notify(service, service_id, notice);
     }

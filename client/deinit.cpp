@@ -1,25 +1,33 @@
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "client/IVexaClient.h"
 #include "client/acknowledgement.h"
 #include "client/change_notices.h"
 #include "client/logging.h"
 #include "client/readiness.h"
+#include "client/receive.h"
 
 namespace {
 
 // From here on the receive thread knows that the end of the connection is no loss of the Manager.
-void dismiss_receiver() {
+// Returns whether there was one that still read.
+bool dismiss_receiver() {
     std::lock_guard<std::mutex> lock(gInitMutex);
     ++gReceiver;
-    gReceiving = false;
     init_cv.notify_all();
+    return std::exchange(gReceiving, false);
+}
+
+// A dismissed receive thread calls no callback of a session once the lock has been free.
+void await_session_callback() {
+    if (!on_receive_thread()) std::lock_guard<std::mutex> lock(gSessionsMutex);
 }
 
 void drop_registrations() {
-    fail_pending_acknowledgements();
     std::lock_guard<std::mutex> lock(gAuthMutex);
+    fail_waiters(gAuth, gAuthWaitMutex);
     gAuth.clear();
 }
 
@@ -35,6 +43,7 @@ void take_leave(std::uint32_t service_id) {
 
 void forget_ready_services() {
     std::lock_guard<std::mutex> lock(gReadyMutex);
+    fail_waiters(gReady, gReadyWaitMutex);
     gReady.clear();
 }
 
@@ -50,9 +59,11 @@ void forget_service_id(std::uint32_t service_id) {
 int vexa_svc_deinit(std::uint32_t service_id) {
     if (const int refusal = check_service_id(service_id); refusal != 0) return refusal;
     if (refused_in_notice(__func__)) return -1;
-    dismiss_receiver();
+    if (superseded()) return -3;  // it is another connection's process by now
+    const bool was_receiving = dismiss_receiver();
+    await_session_callback();
     drop_registrations();
-    if (gInitDone || gIsOneService) take_leave(service_id);
+    if (gInitDone || gIsOneService || was_receiving) take_leave(service_id);
     supported_services_clear();
     forget_ready_services();
     forget_service_id(service_id);

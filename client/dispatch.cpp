@@ -12,6 +12,7 @@
 #include "client/logging.h"
 #include "client/permission_query.h"
 #include "client/ready_session.h"
+#include "client/receive.h"
 #include "client/start_session.h"
 
 namespace {
@@ -49,6 +50,7 @@ AfterMessage handle_by_type(const std::string& req_type, const Json::Value& mess
 }  // namespace
 
 AfterMessage dispatch_message(const Json::Value& message) {
+    if (superseded()) return AfterMessage::kEndThread;
     std::string req_type = "?";
     try {
         req_type = message.get("req_type", "0").asString();

@@ -9,6 +9,7 @@
 #include "client/logging.h"
 #include "client/params/add_params.h"
 #include "client/params/queues.h"
+#include "client/receive.h"
 #include "client/sessions.h"
 #include "client/threads.h"
 
@@ -105,6 +106,7 @@ void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
 AfterMessage on_exec_task(const Json::Value& message) {
     const std::uint32_t opcode = hexadecimal_opcode(message, "0");
     std::lock_guard<std::mutex> lock(gReadyMutex);
+    if (superseded()) return AfterMessage::kEndThread;
     const auto service = gReady.find(opcode);
     if (service == gReady.end() || handle_exec_task(message, service->second.exec_callback) != 0) {
         log_line(kFailure, "Failed to handle execute task event");

@@ -53,7 +53,7 @@ std::vector<std::string> vexa_info_common(unsigned int session_id,
                                           const std::vector<std::string>& names,
                                           const std::string& kind, const char* label) {
     if (names.empty()) return {"ERROR:Empty requested info"};
-    if (refused_on_receive_thread(__func__)) return {};
+    if (refused_on_receive_thread(("vexa_info_" + std::string(label)).c_str())) return {};
     const std::uint32_t query_id = next_query_id();
     const std::string request = info_request(session_id, names, kind, query_id);
     log_line(kTrace, "vexa_info_%s request: %s", label, request.c_str());

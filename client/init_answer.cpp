@@ -1,14 +1,17 @@
 #include "client/init_answer.h"
 
 #include "client/IVexaClient.h"
+#include "client/receive.h"
 
 AfterMessage on_init(const Json::Value& message) {
     const int id = message.get("service_id", -1).asInt();
     {
         std::lock_guard<std::mutex> lock(gClientMutex);
+        if (superseded()) return AfterMessage::kEndThread;
         gService_id = id;
     }
     std::lock_guard<std::mutex> lock(gInitMutex);
+    if (superseded()) return AfterMessage::kEndThread;
     response_for_init = true;
     init_cv.notify_one();
     if (id < 0) {

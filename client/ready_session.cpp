@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "client/logging.h"
+#include "client/receive.h"
 #include "client/sessions.h"
 
 namespace {
@@ -33,7 +34,7 @@ void ready_service(std::uint32_t session_id, ServiceKey service, const StateCall
     call_state_callback(
         callback, service_id,
         make_state_request(VEXA_STATUS_SESSION_READY, opcode, subsystem, session_id));
-    entry->second = VEXA_SESSION_READY;
+    if (!superseded()) entry->second = VEXA_SESSION_READY;
 }
 
 // Returns whether there was such a session.

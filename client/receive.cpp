@@ -21,7 +21,8 @@ constexpr std::size_t kHandshakeBufferSize = 5120;
 constexpr std::size_t kSessionBufferSize = 524288;
 constexpr useconds_t kErrorPauseUs = 500'000;
 
-thread_local bool tOnReceiveThread = false;
+// The number of this receive thread; 0 on all other threads.
+thread_local std::uint32_t tReceiver = 0;
 
 std::unique_ptr<Json::CharReader> make_reader() {
     Json::CharReaderBuilder builder;
@@ -121,9 +122,19 @@ class ReceiveLoop {
     void recover() {
         socket_ = nullptr;
         stop_receiving(receiver_);
-        terminate_sessions();
+        tell_services(terminate_sessions);
         forget_init();
-        if (reconnect_as(receiver_) == 0) send_reconnection_notification();
+        if (reconnect_as(receiver_) == 0) tell_services(send_reconnection_notification);
+    }
+
+    // A service's mistake does not end the process.
+    static void tell_services(int (*tell)()) {
+        try {
+            tell();
+        } catch (const std::exception& error) {
+            log_line(kFailure, "Failed to tell a service of the Manager's state (%s)",
+                     error.what());
+        }
     }
 
     // A callback may have taken so long that the process has begun anew by now.
@@ -132,7 +143,7 @@ class ReceiveLoop {
         if (gReceiver == receiver_) gInitDone = false;
     }
 
-    const std::uint32_t receiver_ = gReceiver;
+    const std::uint32_t receiver_ = tReceiver;
     std::shared_ptr<ManagerSocket> socket_ = current_connection();
     const std::unique_ptr<Json::CharReader> reader_ = make_reader();
     std::vector<char> buffer_ = std::vector<char>(kHandshakeBufferSize);
@@ -141,13 +152,21 @@ class ReceiveLoop {
 }  // namespace
 
 int recv_msg_from_mgr() {
-    tOnReceiveThread = true;
+    tReceiver = gReceiver;
     ReceiveLoop().run();
     return 0;
 }
 
+bool on_receive_thread() {
+    return tReceiver != 0;
+}
+
+bool superseded() {
+    return on_receive_thread() && tReceiver != gReceiver;
+}
+
 bool refused_on_receive_thread(const char* function) {
-    if (!tOnReceiveThread) return false;
+    if (!on_receive_thread()) return false;
     log_line(kFailure, "Failed to run %s: it cannot wait for the Manager in a state callback",
              function);
     return true;

@@ -9,9 +9,18 @@
 // gReceiver when it starts.
 int recv_msg_from_mgr();
 
-// Returns whether the caller runs on a receive thread, that is, inside a state callback, and logs
-// that `function` cannot wait there for an answer which that thread would have to receive.
+// Returns whether the caller runs on a receive thread, that is, inside a state callback.
+bool on_receive_thread();
+
+// The same, with a log line that `function` cannot wait there for an answer which that thread would
+// have to receive.
 bool refused_on_receive_thread(const char* function);
+
+// Returns whether the caller runs on a receive thread whose connection was given up by this process
+// (by vexa_svc_deinit(), say). Such a thread must not touch what may belong to a later connection.
+// If the answer is no under a lock that vexa_svc_deinit() takes, too, the connection is still this
+// thread's until that lock is released.
+bool superseded();
 
 // Returns whether a receive thread would take an answer of the Manager.
 bool is_receiving() EXCLUDES(gInitMutex);

@@ -3,17 +3,21 @@
 #include <mutex>
 
 #include "client/logging.h"
+#include "client/receive.h"
 
 namespace {
 
-// Tells the service of the lowest opcode, which stands for the process. Returns its answer, nothing
-// if no service is ready.
-std::optional<int> inform_first_service(vexa_status_t status) {
-    const auto callbacks = all_state_callbacks();
-    if (callbacks.empty()) {
-        log_line(kProgress, "No sessions due to no ready opcodes.");
-        return std::nullopt;
-    }
+using StateCallbacks = std::map<std::uint32_t, StateCallback>;
+
+// Returns whether there is nobody to tell, with a line that says so.
+bool nobody_is_ready(const StateCallbacks& callbacks) {
+    if (callbacks.empty()) log_line(kProgress, "No sessions due to no ready opcodes.");
+    return callbacks.empty();
+}
+
+// The service of the lowest opcode stands for the process.
+int inform_first_service(const StateCallbacks& callbacks, vexa_status_t status)
+    REQUIRES(gSessionsMutex) {
     const auto& [opcode, callback] = *callbacks.begin();
     return inform_session_state(0, opcode, 0, callback.function, callback.user_data, status);
 }
@@ -37,13 +41,15 @@ void log_ended(std::uint32_t session_id, const EndCounts& counts) {
 }
 
 int terminate_sessions() {
-    if (!inform_first_service(VEXA_STATUS_TERMINATED)) return 0;
+    const StateCallbacks callbacks = all_state_callbacks();
+    if (nobody_is_ready(callbacks)) return 0;
 
-    const auto callbacks = all_state_callbacks();
     EndCounts counts;
     std::uint32_t last_session = 0;
     {
         std::lock_guard<std::mutex> lock(gSessionsMutex);
+        if (superseded()) return -1;
+        inform_first_service(callbacks, VEXA_STATUS_TERMINATED);
         for (const auto& [session_id, services] : gSessions) {
             last_session = session_id;
             for (const auto& [service, state] : services) {
@@ -59,5 +65,8 @@ int terminate_sessions() {
 }
 
 int send_reconnection_notification() {
-    return inform_first_service(VEXA_STATUS_RECONNECTED).value_or(0);
+    const StateCallbacks callbacks = all_state_callbacks();
+    if (nobody_is_ready(callbacks)) return 0;
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
+    return inform_first_service(callbacks, VEXA_STATUS_RECONNECTED);
 }

@@ -11,7 +11,8 @@ struct EndCounts {
 
 // Tells a service that its session ends, logs its answer and counts it. Returns whether it agreed.
 bool inform_session_ended(std::uint32_t session_id, ServiceKey service,
-                          const StateCallback& callback, EndCounts* counts);
+                          const StateCallback& callback, EndCounts* counts)
+    REQUIRES(gSessionsMutex);
 
 void log_ended(std::uint32_t session_id, const EndCounts& counts);
 

@@ -3,10 +3,12 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <utility>
 
 #include "client/logging.h"
+#include "client/receive.h"
 
 namespace {
 
@@ -83,7 +85,7 @@ vexa_req_t make_state_request(vexa_status_t status, std::uint32_t opcode, std::u
 }
 
 int call_state_callback(const StateCallback& callback, int service_id, vexa_req_t request) {
-    if (callback.function == nullptr) return -1;
+    if (callback.function == nullptr || superseded()) return -1;
     return callback.function(service_id, &request, callback.user_data);
 }
 
@@ -109,5 +111,7 @@ int send_session_response(bool is_start, bool success, std::uint32_t session_id,
     } else {
         text += "\"}";
     }
-    return vexa_send_to_manager_raw(text.c_str());
+    // The lock keeps vexa_svc_deinit() waiting, so that a response never meets a later connection.
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
+    return superseded() ? -1 : vexa_send_to_manager_raw(text.c_str());
 }

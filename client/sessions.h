@@ -41,15 +41,19 @@ std::map<std::uint32_t, StateCallback> all_state_callbacks() EXCLUDES(gReadyMute
 vexa_req_t make_state_request(vexa_status_t status, std::uint32_t opcode, std::uint32_t subsys_id,
                               std::uint32_t session_id);
 
-// Tells a service. Returns the callback's result, and -1 where there is no callback.
-int call_state_callback(const StateCallback& callback, int service_id, vexa_req_t request);
+// Tells a service. Returns the callback's result, and -1 where there is no callback or where the
+// caller is a receive thread that has been dismissed: user data may be gone then.
+int call_state_callback(const StateCallback& callback, int service_id, vexa_req_t request)
+    REQUIRES(gSessionsMutex);
 
 // As above for a session's state, with a log line; reads the service id itself.
 int inform_session_state(unsigned session_id, unsigned opcode, unsigned subsystem,
                          vexa_state_callback_t callback, void* user_data, vexa_status_t status)
-    EXCLUDES(gClientMutex);
+    REQUIRES(gSessionsMutex) EXCLUDES(gClientMutex);
 
 // Sends the response to start_session or end_session; `started` is listed in the former only.
-// Returns 0, or another value when it cannot be sent.
+// Returns 0, or another value when it cannot be sent or the caller is a receive thread that has
+// been dismissed.
 int send_session_response(bool is_start, bool success, std::uint32_t session_id,
-                          const std::map<std::uint32_t, std::vector<std::uint32_t>>& started);
+                          const std::map<std::uint32_t, std::vector<std::uint32_t>>& started)
+    EXCLUDES(gSessionsMutex);

@@ -35,10 +35,12 @@ struct Scalar {
     static Decoded read(const Json::Value& json, T* value) {
         if (!(json.*kIs)()) return Decoded::kWrongKind;
         auto wide = (json.*kAs)();
-        *value = static_cast<T>(std::move(wide));
         if constexpr (sizeof(T) < sizeof(wide)) {
-            if (static_cast<decltype(wide)>(*value) != wide) return Decoded::kOutOfRange;
+            if (static_cast<decltype(wide)>(static_cast<T>(wide)) != wide) {
+                return Decoded::kOutOfRange;
+            }
         }
+        *value = static_cast<T>(std::move(wide));
         return Decoded::kValue;
     }
 
@@ -112,9 +114,8 @@ Holder decode_scalar(vexon_data_type_t type, const Json::Value& json, const std:
 
 Holder decode_scalar_vector(vexon_data_type_t type, const Json::Value& json,
                             const std::string& type_name) {
-    static const Json::Value kEmptyArray(Json::arrayValue);
     Holder value;
-    const Json::Value& array = json.isArray() ? json : kEmptyArray;
+    const Json::Value& array = json.isArray() ? json : Json::Value::nullSingleton();
     const Decoded decoded = scalar_type(type).decode_vector(array, &value);
     return report(decoded, std::move(value), type_name, kVectorMessages);
 }
