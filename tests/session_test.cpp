@@ -1,3 +1,5 @@
+#include <atomic>
+
 #include "service_test.h"
 
 namespace {
@@ -149,6 +151,39 @@ TEST_F(SessionTest, TheServicesAnswerDecidesTheStartOnly) {
     recorder_.answer_with([](const vexa_req_t&) { return -1; });
     run({{"refusing readiness is ignored", ready("5", both), "", "", {"6 26::1 5"}}});
     EXPECT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "runs"}), kSoon));
+}
+
+// User data and connection belong to others once vexa_svc_deinit() has returned.
+TEST_F(SessionTest, DeinitWaitsForACallbackAndNoOtherFollows) {
+    const std::string both = R"({"id":"1a","subsystems":[{"id":1},{"id":2}]})";
+    const std::pair<const char*, std::string> steps[] = {
+        {"1", start("15", both)}, {"2", ready("2", both)}, {"3", end("3", "")}};
+    for (const auto& [session, message] : steps) {
+        SCOPED_TRACE(message);
+        recorder_.answer_with([](const vexa_req_t&) { return 0; });
+        ASSERT_NO_FATAL_FAILURE(init_and_offer());
+        manager_.send_to_all(start(session, both));
+        ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+
+        std::promise<void> called;
+        std::atomic<bool> returned{false};
+        recorder_.answer_with([&](const vexa_req_t&) {
+            called.set_value();
+            std::this_thread::sleep_for(kNotComing);
+            returned = true;
+            return 0;
+        });
+        manager_.send_to_all(message);
+        ASSERT_EQ(std::future_status::ready, called.get_future().wait_for(kSoon));
+        ASSERT_EQ(0, vexa_svc_deinit(id()));
+        EXPECT_TRUE(returned);
+        const std::size_t calls = recorder_.calls().size();
+        ASSERT_TRUE(manager_.wait_for_clients(0, kSoon));
+        ASSERT_NO_FATAL_FAILURE(init_and_offer());
+        EXPECT_FALSE(manager_.expect("\"Result\":\"Success\",\"opcodes\":[{", 50ms));
+        EXPECT_EQ(calls, recorder_.calls().size());
+        ASSERT_EQ(0, vexa_svc_deinit(id()));
+    }
 }
 
 TEST_F(SessionTest, EndTakesNamedServicesOrAllOutOfTheSession) {
