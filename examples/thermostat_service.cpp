@@ -1,5 +1,6 @@
 // A room thermostat that other programs reach through the Manager: an example of a service process.
 
+#include <unistd.h>
 #include <vexon2_0.h>
 
 #include <algorithm>
@@ -36,7 +37,8 @@ constexpr char kApiDefinition[] =
       {"id":2,"name":"celsius","type":"double"}]}]},
     {"name":"calibrate","args":[
       {"id":0,"name":"reference_celsius","type":"vector","vec_type":"double"}]},
-    {"name":"measure","args":[]}]}})";
+    {"name":"measure","args":[]},
+    {"name":"read_outdoor","args":[]}]}})";
 
 struct Thermostat {
     std::mutex mutex;  // for all but `measuring`
@@ -67,6 +69,11 @@ std::string member(const char* name, const T& value) {
 // ---------------------------------------------------------------------------------------------
 // The functions: each returns the members of its reply
 
+struct Task {
+    unsigned session_id;
+    const vexon_type_map_t& arguments;
+};
+
 void require(bool condition, const char* otherwise) {
     if (!condition) throw CallError(kRefused, otherwise);
 }
@@ -75,15 +82,22 @@ void require_celsius(double celsius) {
     require(celsius >= 5 && celsius <= 30, "only 5 to 30 degrees are possible");
 }
 
-std::string set_locked(const vexon_type_map_t& arguments) {
-    const bool locked = get<bool>(arguments, 0);
+// Asks the Manager, who knows whether the session's user may do so.
+void require_permission(const Task& task, const std::string& permission) {
+    const std::vector<bool> granted = vexa_permission_query(task.session_id, {permission});
+    require(granted.size() == 1 && granted[0], "the permission is missing");
+}
+
+std::string set_locked(const Task& task) {
+    require_permission(task, "LOCK_THERMOSTAT");
+    const bool locked = get<bool>(task.arguments, 0);
     const std::lock_guard lock(gThermostat.mutex);
     gThermostat.locked = locked;
     return member("locked", locked);
 }
 
-std::string set_target(const vexon_type_map_t& arguments) {
-    const double celsius = get<double>(arguments, 0);
+std::string set_target(const Task& task) {
+    const double celsius = get<double>(task.arguments, 0);
     require_celsius(celsius);
     const std::lock_guard lock(gThermostat.mutex);
     require(!gThermostat.locked, "the thermostat is locked");
@@ -91,8 +105,8 @@ std::string set_target(const vexon_type_map_t& arguments) {
     return member("target", celsius);
 }
 
-std::string set_period(const vexon_type_map_t& arguments) {
-    const auto& period = get<vexon_type_map_t>(arguments, 0);
+std::string set_period(const Task& task) {
+    const auto& period = get<vexon_type_map_t>(task.arguments, 0);
     const auto from_hour = get<unsigned char>(period, 0);
     const auto to_hour = get<unsigned char>(period, 1);
     const double celsius = get<double>(period, 2);
@@ -105,8 +119,8 @@ std::string set_period(const vexon_type_map_t& arguments) {
     return member("heated_hours", 24 - std::count(schedule.begin(), schedule.end(), 0));
 }
 
-std::string calibrate(const vexon_type_map_t& arguments) {
-    const auto& references = get<std::vector<double>>(arguments, 0);
+std::string calibrate(const Task& task) {
+    const auto& references = get<std::vector<double>>(task.arguments, 0);
     require(!references.empty(), "there is no reference");
     for (const double reference : references) require_celsius(reference);
     const double sum = std::accumulate(references.begin(), references.end(), 0.0);
@@ -117,7 +131,7 @@ std::string calibrate(const vexon_type_map_t& arguments) {
 }
 
 // Takes its time, in which other tasks run: it holds no lock while it waits.
-std::string measure(const vexon_type_map_t&) {
+std::string measure(const Task&) {
     const int at_once = ++gThermostat.measuring;
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     --gThermostat.measuring;
@@ -127,16 +141,22 @@ std::string measure(const vexon_type_map_t&) {
            member("at_once", at_once);
 }
 
+std::string read_outdoor(const Task& task) {
+    const auto answers = vexa_info_query(task.session_id, {"outdoor_celsius"});
+    std::string celsius;
+    require(!answers.empty() && parse_result_of_query_info(answers[0], celsius) == 0,
+            "the temperature is not known");
+    return member("celsius", std::stod(celsius));
+}
+
 struct Function {
     const char* name;
-    std::string (*run)(const vexon_type_map_t& arguments);
+    std::string (*run)(const Task& task);
 };
 
-constexpr Function kFunctions[] = {{"set_target", set_target},
-                                   {"set_locked", set_locked},
-                                   {"set_period", set_period},
-                                   {"calibrate", calibrate},
-                                   {"measure", measure}};
+constexpr Function kFunctions[] = {{"set_target", set_target}, {"set_locked", set_locked},
+                                   {"set_period", set_period}, {"calibrate", calibrate},
+                                   {"measure", measure},       {"read_outdoor", read_outdoor}};
 
 const Function& find_function(const std::string& name) {
     for (const Function& function : kFunctions) {
@@ -163,7 +183,8 @@ int on_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
     try {
         const Function& function = find_function(args.func_name);
         call->name = function.name;
-        fill(call, kDone, function.run(args.type_queue == nullptr ? none : *args.type_queue));
+        const Task task{call->session_id, args.type_queue == nullptr ? none : *args.type_queue};
+        fill(call, kDone, function.run(task));
     } catch (const CallError& error) {
         fill(call, error.return_value, "\"error\":\"" + std::string(error.what()) + "\"");
     } catch (const std::exception&) {
@@ -185,24 +206,30 @@ std::string describe(const vexa_req_t& request) {
             return session + " is ready";
         case VEXA_STATUS_SESSION_END:
             return session + " ends";
+        case VEXA_STATUS_PERMISSION_CHANGE:
+            return "permission " + request.permission +
+                   (request.permission_status == 0 ? " withdrawn" : " granted");
         default:
-            return "notice " + std::to_string(request.status);
+            return request.state;
     }
 }
 
+constexpr int kStartOver = SIGUSR1;
+
 int on_state(int, vexa_req_t* request, void*) {
     say(describe(*request));
+    // To be served again takes calls that wait for the Manager, which cannot be made here.
+    if (request->status == VEXA_STATUS_RECONNECTED) kill(getpid(), kStartOver);
     return 0;
 }
 
 // ---------------------------------------------------------------------------------------------
 
 // Threads inherit what is blocked, so this comes before any thread is started.
-sigset_t block_ending_signals() {
+sigset_t block_signals() {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
+    for (const int signal : {SIGINT, SIGTERM, kStartOver}) sigaddset(&signals, signal);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
 }
@@ -211,8 +238,8 @@ void check(int result, const std::string& failure) {
     if (result < 0) throw std::runtime_error(failure + " (" + std::to_string(result) + ")");
 }
 
-void run_service() {
-    const sigset_t ending_signals = block_ending_signals();
+// Serves until one of the signals comes, and returns it.
+int serve(const sigset_t& signals) {
     const int id = vexa_svc_init();
     check(id, "cannot reach the Manager, or it refused");
     const auto service_id = static_cast<std::uint32_t>(id);
@@ -222,9 +249,16 @@ void run_service() {
     say("ready as service " + std::to_string(id));
 
     int signal = 0;
-    sigwait(&ending_signals, &signal);
-    say("ending");
+    sigwait(&signals, &signal);
+    say(signal == kStartOver ? "starting over" : "ending");
     check(vexa_svc_deinit(service_id), "cannot take leave of the Manager");
+    return signal;
+}
+
+void run_service() {
+    const sigset_t signals = block_signals();
+    while (serve(signals) == kStartOver) {
+    }
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 // A process calls vexa_svc_init() once, registers each of its services, declares them ready with
 // two callbacks and is then driven by the Manager. Link with -lvexon2_0; nothing else is needed.
 //
-// Threads. The library has one receive thread per connection and one thread per running task.
+// Threads. The library has a receive thread and one thread per running task.
 //   - State callbacks run on the receive thread, one at a time. Until a callback returns, no other
 //     message of the Manager is handled, so it must be short and must not wait for another thread
 //     that waits for the Manager.
@@ -29,8 +29,10 @@
 
 // What a state callback is told about.
 enum vexa_status_t : std::int32_t {
-    VEXA_STATUS_TERMINATED = 0,             // Manager lost, all sessions ended (lowest opcode only)
-    VEXA_STATUS_RECONNECTED = 1,            // Manager reachable again (lowest opcode only)
+    VEXA_STATUS_TERMINATED = 0,  // Manager lost, all sessions ended (lowest opcode only)
+    // Manager reachable again, but nothing is received any more: de-initialise and start over, on
+    // another thread (lowest opcode only).
+    VEXA_STATUS_RECONNECTED = 1,
     VEXA_STATUS_SESSION_START = 2,          // may the session start? 0 accepts, all else refuses
     VEXA_STATUS_SESSION_END = 3,            // the session ends; not 0 refuses if named by opcode
     VEXA_STATUS_PERMISSION_CHANGE = 4,      // a package's permission was granted or withdrawn
@@ -167,8 +169,8 @@ extern "C" {
 //
 // Returns the service id (not negative), at once and without asking again when the process has one
 // already. Returns -1 when the Manager cannot be reached, the request cannot be sent or the Manager
-// goes away before it has answered, and the Manager's negative answer when it refuses. Blocks
-// without time limit while a connected Manager does not answer. Throws std::system_error
+// goes away before it has answered, and in a state callback; the Manager's negative answer when it
+// refuses. Blocks without time limit while a connected Manager does not answer. Throws std::system_error
 // ("thread constructor failed") when no thread can be started; the call may then be repeated.
 VEXON_API int vexa_svc_init();
 
@@ -194,8 +196,8 @@ VEXON_API int _vexa_svc_register(std::uint32_t service_id, std::uint32_t opcode,
 // Declares a registered service ready and waits for the Manager's verdict.
 //
 // `state_callback` is required: a change of a permission is delivered without testing for it.
-// `user_data` is handed to it and stays the caller's. `exec_callback` runs the tasks. All three are
-// used until vexa_svc_deinit() has returned.
+// `user_data` is handed to it, stays the caller's and is not used any more when vexa_svc_deinit()
+// has returned. `exec_callback` runs the tasks; those that run then go on.
 //
 // Returns 0 when the service is ready; -1 when the request cannot be sent, the Manager refuses or
 // the connection ends before it has answered; -2 when `service_id` is not the one of this process;
@@ -210,9 +212,11 @@ VEXON_API int _vexa_svc_ready(std::uint32_t service_id, std::uint32_t opcode,
 // vexa_svc_init() may follow.
 //
 // Returns 0 when done; -1 from inside a notice of a change (see vexa_state_callback_t); -2 when
-// `service_id` is not the one of this process; -3 before vexa_svc_init(). Waits for a notice that
-// is being delivered. Callers that wait for the Manager in another thread return with -1. Tasks
-// that run are not waited for; their replies are lost, with a log line.
+// `service_id` is not the one of this process; -3 before vexa_svc_init(). Waits for a state
+// callback that runs on the receive thread, unless called in it, and as any send while the Manager
+// does not read. Registrations and declarations that wait in another thread return -1 (but a second
+// one of the same opcode never returns). Tasks that run are not waited for: their replies are lost,
+// with a log line, or go out on the next connection if there is one by then.
 VEXON_API int vexa_svc_deinit(std::uint32_t service_id);
 
 // Logs `text` and, on the dedicated socket with markers enabled, sends it to the Manager as it is.
@@ -257,11 +261,13 @@ VEXON_API int connect_to_manager();
 // or -1 if there was none. Does not forget the service id: that is vexa_svc_deinit()'s.
 VEXON_API int disconnect_from_manager();
 
-// Opens the connection again, trying every 50 ms for 20 s. Returns 0, or -1 after that time.
+// Opens the connection again, trying every 50 ms for 20 s. Returns 0, or -1 after that time. To be
+// called only while there is none.
 VEXON_API int reconnect_to_manager();
 
 // ---------------------------------------------------------------------------------------------
-// Questions to the Manager. Each blocks until the answer has come, for 3 seconds at most. From a
+// Questions to the Manager. Each blocks until the answer has come, for 3 seconds at most after the
+// request was sent. From a
 // state callback they log a line and return at once what they return without an answer. They throw
 // std::system_error ("condition_variable timed_wait failed") if the system cannot wait.
 
