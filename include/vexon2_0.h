@@ -170,7 +170,8 @@ extern "C" {
 // Returns the service id (not negative), at once and without asking again when the process has one
 // already. Returns -1 when the Manager cannot be reached, the request cannot be sent or the Manager
 // goes away before it has answered, and in a state callback; the Manager's negative answer when it
-// refuses. Blocks without time limit while a connected Manager does not answer. Throws std::system_error
+// refuses. Blocks without time limit while a connected Manager does not answer. Throws
+// std::system_error
 // ("thread constructor failed") when no thread can be started; the call may then be repeated.
 VEXON_API int vexa_svc_init();
 

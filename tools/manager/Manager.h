@@ -12,7 +12,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <list>
 #include <map>
@@ -23,28 +22,21 @@
 #include <vector>
 
 #include "manager/answers.h"
+#include "manager/connected_client.h"
+#include "manager/delayed_answers.h"
 #include "manager/error.h"
 #include "manager/file_descriptor.h"
 #include "manager/matcher.h"
 #include "manager/messages.h"
 #include "manager/opcode_routes.h"
-#include "manager/packet.h"
 #include "manager/packet_log.h"
+#include "manager/replies.h"
+#include "manager/requests.h"
 
 namespace manager {
 
 constexpr char kDefaultPath[] = "/dev/socket/vexa";
 constexpr char kDedicatedPath[] = "/dev/socket/vexon_one/vexa_one";
-
-/// The reply of a client to a task.
-struct Reply {
-    std::int64_t transaction;
-    /// The reply's "status", absent if it has no integer there.
-    std::optional<std::int64_t> status;
-    /// From the call of exec_task() until the packet was received.
-    std::chrono::nanoseconds latency;
-    Packet packet;
-};
 
 /// Listens at a path, answers the requests of the clients that connect, sends them packets and
 /// keeps a log of every packet.
@@ -61,16 +53,14 @@ class SimulatedManager {
     SimulatedManager(const SimulatedManager&) = delete;
     SimulatedManager& operator=(const SimulatedManager&) = delete;
 
-    const std::string& path() const { return path_; }
-
     /// Listens at the path and serves clients on a thread of its own; nothing if running already.
     /// A Manager that was stopped starts like a new one: its services count from 1, no opcode is
     /// authenticated. The log, the cursor of expect(), the numbering of clients and transactions
-    /// and the rules of refuse() and set_silent() go on. Throws ManagerError if it cannot listen.
+    /// and the rules of the answers go on. Throws ManagerError if it cannot listen.
     void start();
 
-    /// Closes all connections, removes the socket file and wakes all waiting calls, which report
-    /// that nothing came; nothing if not running. Waits for the Manager's thread to end.
+    /// Closes all connections as close_clients() does, removes the socket file and wakes waiting
+    /// calls, which report that nothing came; nothing if not running. Waits for the thread to end.
     void stop();
 
     /// Has the observers called, in the order of the log, with each packet and with each client
@@ -87,16 +77,33 @@ class SimulatedManager {
     void send_for_opcode(Opcode opcode, const std::string& text);
 
     /// Closes the connections of all clients and goes on listening. Returns when they are closed.
-    /// What is still to be sent to a slow client is lost.
+    /// Everything they sent until then has been received, so that they see an end of the
+    /// connection and no reset. What is still to be sent to a slow client is lost.
     void close_clients();
 
-    /// Refuses or accepts a step of the clients' introduction from now on: for the opcode, or for
-    /// all opcodes if none is given. An INIT has no opcode. At first everything is accepted.
+    // How the Manager answers by itself. At first it accepts everything at once, grants no
+    // permission and knows no information. An answer is made up when its request comes.
+
+    /// Refuses or accepts requests of a step from now on: for the opcode, or for all opcodes if
+    /// none is given. Only Auth and Ready have opcodes. The refusal of an Info is "ERROR:refused"
+    /// for each name, the others are a -1.
     void refuse(Step step, std::optional<Opcode> opcode = std::nullopt);
     void accept(Step step, std::optional<Opcode> opcode = std::nullopt);
 
-    /// While a step is silent its requests get no answer at all, unless by send().
-    void set_silent(Step step, bool silent);
+    /// Sends answers of the step that much later, up to 24 hours, unless their client has gone by
+    /// then or the Manager stopped. They hold up nothing else.
+    void set_delay(Step step, std::chrono::milliseconds delay);
+
+    /// Whether requests of the step get no answer at all, unless by send(); two names of one rule.
+    void set_drop(Step step, bool drop);
+    void set_silent(Step step, bool silent) { set_drop(step, silent); }
+
+    void grant(const std::string& permission);
+    void deny(const std::string& permission);
+
+    /// Sets the result of a piece of information, as in "SUCCESS:87". One that was never set gives
+    /// "ERROR:unknown".
+    void set_info(const std::string& name, const std::string& text);
 
     /// Waits for the next packet from a client that `matcher` matches, counting from the one that
     /// the last successful expect() returned, whether it has come already or is still to come.
@@ -118,10 +125,12 @@ class SimulatedManager {
     std::vector<Packet> received() const;
     std::vector<Packet> unexpected() const;
 
-    /// Sends start_session or ready_session to the clients that authenticated the opcodes, to each
-    /// client with its own. The first returns its transaction number. Throws as send() does.
+    /// Send the message to the clients that authenticated the opcodes, to each with its own. The
+    /// end of a whole session, without targets, goes to the clients for which it was started, to
+    /// every client if there are none. Return the transaction number. Throw as send() does.
     std::int64_t start_session(std::int64_t session, const std::vector<Target>& targets);
     void ready_session(std::int64_t session, const std::vector<Target>& targets);
+    std::int64_t end_session(std::int64_t session, const std::vector<Target>& targets = {});
 
     /// Sends the task to the client that authenticated its opcode and returns the transaction
     /// number, which is unique. Throws as send() does, and if the arguments are no JSON array.
@@ -129,44 +138,38 @@ class SimulatedManager {
 
     /// Waits for the reply to a transaction of exec_task(), or to any of them. Each reply is
     /// returned once. Returns nothing when the time is over or the Manager does not run.
-    std::optional<Reply> await_reply(std::int64_t transaction, Timeout timeout);
+    std::optional<Reply> await_reply(std::optional<std::int64_t> transaction, Timeout timeout);
     std::optional<Reply> await_any_reply(Timeout timeout);
 
   private:
     using Clock = std::chrono::steady_clock;
     using Lock = std::unique_lock<std::mutex>;
-
-    struct Client {
-        int number;
-        FileDescriptor connection;
-        std::size_t max_packet_size;
-        /// The packets that the connection had no room for yet.
-        std::deque<std::string> unsent = {};
-        bool closing = false;
-    };
+    using TargetsByClient = std::map<int, std::vector<Target>>;
 
     // Run on the Manager's thread.
     void serve();
     bool handle_events(const std::vector<pollfd>& events);
     void accept_clients();
-    void receive_from(Client& client);
+    bool receive_from(ConnectedClient& client);
     void remove_closing_clients();
+    void disconnect_all();
 
     // The caller of all below holds the lock.
     std::vector<pollfd> poll_set() const;
-    Client* find_client(int number);
-    Client& client_for(Opcode opcode);
-    void deliver(Client& client, const std::string& text);
-    void flush(Client& client);
-    const Packet& record(const Client& client, Direction direction, const std::string& text);
-    void handle(Client& client, const Packet& packet);
-    void answer(Client& client, const Request& request);
-    void keep_reply(const ReplyHead& head, const Packet& packet);
-    std::map<int, std::vector<Target>> by_client(const std::vector<Target>& targets);
+    ConnectedClient* find_client(int number);
+    ConnectedClient& client_for(Opcode opcode);
+    TargetsByClient by_client(const std::vector<Target>& targets);
+    TargetsByClient participants(std::int64_t session) const;
+    void deliver(ConnectedClient& client, const std::string& text);
+    void enqueue(ConnectedClient& client, const std::string& text);
+    void flush(ConnectedClient& client);
+    const Packet& record(const ConnectedClient& client, Direction direction,
+                         const std::string& text);
+    void handle(ConnectedClient& client, const Packet& packet);
+    void answer(ConnectedClient& client, const Request& request);
+    void send_due_answers();
     template <typename Done>
     bool wait(Lock& lock, Timeout timeout, Done done);
-    template <typename Wanted>
-    std::optional<Reply> take_reply(Timeout timeout, Wanted wanted);
     void wake_thread() const;
 
     const std::string path_;
@@ -183,16 +186,15 @@ class SimulatedManager {
     std::condition_variable changed_;
     bool running_ = false;
     /// Only the Manager's thread adds and removes elements.
-    std::list<Client> clients_;
+    std::list<ConnectedClient> clients_;
     int last_client_ = 0;
     PacketLog log_;
     Answers answers_;
+    DelayedAnswers delayed_;
     OpcodeRoutes routes_;
     PacketObserver on_packet_;
     ConnectionObserver on_connection_;
-    /// When each task that has no reply yet was sent.
-    std::map<std::int64_t, Clock::time_point> pending_tasks_;
-    std::deque<Reply> replies_;
+    Replies replies_;
 };
 
 }  // namespace manager

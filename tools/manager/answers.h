@@ -1,13 +1,22 @@
 #pragma once
 
 #include <array>
+#include <chrono>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
-#include "manager/messages.h"
+#include "manager/requests.h"
 
 namespace manager {
+
+/// What the Manager answers, and how late.
+struct Answer {
+    std::string text;
+    std::chrono::milliseconds delay;
+};
 
 /// Decides the Manager's own answers to the requests of clients. Not thread-safe: its owner locks.
 class Answers {
@@ -15,12 +24,18 @@ class Answers {
     /// Refuses or accepts the step from now on, for one opcode or, without one, for all of them.
     void refuse(Step step, std::optional<Opcode> opcode) { rule(step).set(true, opcode); }
     void accept(Step step, std::optional<Opcode> opcode) { rule(step).set(false, opcode); }
-    void set_silent(Step step, bool silent) { rule(step).silent = silent; }
+    void set_delay(Step step, std::chrono::milliseconds delay) { rule(step).delay = delay; }
+    void set_drop(Step step, bool drop) { rule(step).drop = drop; }
+
+    void grant(const std::string& permission) { granted_.insert(permission); }
+    void deny(const std::string& permission) { granted_.erase(permission); }
+    /// `text` is the whole result for the name.
+    void set_info(const std::string& name, const std::string& text) { infos_[name] = text; }
 
     bool refuses(const Request& request) const;
 
-    /// Returns the packet to answer with, nothing if the request gets no answer. Counts services.
-    std::optional<std::string> answer(const Request& request);
+    /// Returns nothing if the request gets no answer. Counts services.
+    std::optional<Answer> answer(const Request& request);
 
     /// Counts services from 1 again; the rules stay.
     void forget_services() { services_ = 0; }
@@ -29,7 +44,8 @@ class Answers {
     struct Rule {
         void set(bool refused, std::optional<Opcode> opcode);
 
-        bool silent = false;
+        bool drop = false;
+        std::chrono::milliseconds delay{0};
         bool refuse_all = false;
         /// The opcodes for which the contrary of `refuse_all` holds.
         std::set<Opcode> exceptions;
@@ -37,8 +53,13 @@ class Answers {
 
     Rule& rule(Step step) { return rules_.at(static_cast<std::size_t>(step)); }
     const Rule& rule(Step step) const { return rules_.at(static_cast<std::size_t>(step)); }
+    std::string text(const Request& request);
+    std::vector<std::string> permission_results(const std::vector<std::string>& names) const;
+    std::vector<std::string> info_results(const std::vector<std::string>& names) const;
 
-    std::array<Rule, 3> rules_;
+    std::array<Rule, kStepCount> rules_;
+    std::set<std::string> granted_;
+    std::map<std::string, std::string> infos_;
     std::int64_t services_ = 0;
 };
 

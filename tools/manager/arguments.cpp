@@ -3,17 +3,22 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <limits>
-#include <utility>
+
+#include "manager/durations.h"
 
 namespace manager {
 namespace {
 
-constexpr std::chrono::milliseconds kMaxDuration = std::chrono::hours(24);
+constexpr std::array<Choice<Step>, kStepCount> kSteps{{{"init", Step::Init},
+                                                       {"auth", Step::Auth},
+                                                       {"ready", Step::Ready},
+                                                       {"permission", Step::Permission},
+                                                       {"info", Step::Info}}};
 
-constexpr std::array<std::pair<const char*, Step>, 3> kSteps{
-    {{"init", Step::Init}, {"auth", Step::Auth}, {"ready", Step::Ready}}};
+bool at_quote(Words& words) {
+    return words.peek() == '"' || words.peek() == '\'';
+}
 
 Opcode parse_opcode(std::string_view text) {
     return static_cast<Opcode>(
@@ -42,9 +47,9 @@ Target parse_target(std::string_view text) {
 
 }  // namespace
 
-std::int64_t take_session(Words& words) {
+std::int64_t take_session(Words& words, const char* what) {
     return static_cast<std::int64_t>(
-        parse_decimal(words.word("SESSION"), "SESSION", std::numeric_limits<std::int64_t>::max()));
+        parse_decimal(words.word(what), what, std::numeric_limits<std::int64_t>::max()));
 }
 
 Target take_target(Words& words) {
@@ -58,11 +63,7 @@ std::vector<Target> take_targets(Words& words) {
 }
 
 Step take_step(Words& words) {
-    const std::string name = words.word("init, auth or ready");
-    const auto step = std::find_if(kSteps.begin(), kSteps.end(),
-                                   [&](const auto& entry) { return entry.first == name; });
-    if (step != kSteps.end()) return step->second;
-    throw BadCommand(fmt::format("init, auth or ready expected, not \"{}\"", name));
+    return take_choice(words, kSteps, "init, auth, ready, permission or info");
 }
 
 std::optional<Opcode> take_optional_opcode(Words& words) {
@@ -70,10 +71,13 @@ std::optional<Opcode> take_optional_opcode(Words& words) {
     return parse_opcode(words.word("OPCODE"));
 }
 
+std::string take_text(Words& words, const char* what) {
+    return at_quote(words) ? words.delimited(what) : words.word(what);
+}
+
 Matcher take_matcher(Words& words) {
-    const char first = words.peek();
-    if (first == '"' || first == '\'') return words.delimited("TEXT");
-    if (first != '/') return words.word("TEXT or /REGEX/");
+    if (at_quote(words)) return words.delimited("TEXT");
+    if (words.peek() != '/') return words.word("TEXT or /REGEX/");
     try {
         return Matcher::regex(words.delimited("/REGEX/"));
     } catch (const std::invalid_argument& error) {

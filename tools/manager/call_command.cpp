@@ -1,14 +1,13 @@
-#include "manager/call_command.h"
-
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <array>
 #include <limits>
 #include <utility>
 
 #include "manager/arguments.h"
 #include "manager/call_load.h"
+#include "manager/command_parsers.h"
+#include "manager/json.h"
 
 namespace manager {
 namespace {
@@ -26,12 +25,7 @@ std::size_t take_count(Words& words, const char* what, std::size_t max) {
     return count;
 }
 
-struct Option {
-    const char* name;
-    void (*take)(Words& words, LoadOptions& options);
-};
-
-constexpr std::array<Option, 3> kOptions{{
+constexpr std::array<Option<LoadOptions>, 3> kOptions{{
     {"--count",
      [](Words& words, LoadOptions& options) {
          options.count = take_count(words, "--count", std::numeric_limits<std::uint32_t>::max());
@@ -46,17 +40,6 @@ constexpr std::array<Option, 3> kOptions{{
      }},
 }};
 
-/// Takes the options that come next, if any do.
-void take_options(Words& words, LoadOptions& options) {
-    while (words.peek() == '-') {
-        const std::string name = words.word("option");
-        const auto option = std::find_if(kOptions.begin(), kOptions.end(),
-                                         [&](const Option& o) { return o.name == name; });
-        if (option == kOptions.end()) throw BadCommand(fmt::format("there is no option {}", name));
-        option->take(words, options);
-    }
-}
-
 std::string take_arguments(Words& words) {
     if (words.peek() == '\0') return "[]";
     std::string text = words.json_array("ARGS-JSON");
@@ -69,7 +52,7 @@ Task take_task(Words& words, LoadOptions& options) {
     const Target target = take_target(words);
     if (target.subsystems.size() != 1) throw BadCommand("a call is for one SUBSYS");
     std::string name = words.word("NAME");
-    take_options(words, options);
+    take_options(words, kOptions, options);
     return {session, target.opcode, target.subsystems.front(), std::move(name),
             take_arguments(words)};
 }
@@ -122,9 +105,9 @@ void call_many(CommandContext& context, const Task& task, const LoadOptions& opt
 
 Action parse_call(Words& words) {
     LoadOptions options;
-    take_options(words, options);
+    take_options(words, kOptions, options);
     const Task task = take_task(words, options);
-    take_options(words, options);
+    take_options(words, kOptions, options);
     return [task, options](CommandContext& context) {
         if (options.count == 1) {
             call_once(context, task, options.timeout);

@@ -4,17 +4,12 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 
 #include "manager/arguments.h"
-#include "manager/call_command.h"
+#include "manager/command_parsers.h"
 
 namespace manager {
 namespace {
-
-constexpr std::chrono::milliseconds kDefaultExpectTimeout(2000);
-// Enough of a packet to recognise it in a message.
-constexpr std::size_t kShownBytes = 200;
 
 struct Command {
     const char* name;
@@ -23,83 +18,6 @@ struct Command {
     /// Reads the arguments, all of `words`.
     Action (*parse)(Words& words);
 };
-
-struct Session {
-    std::int64_t id;
-    std::vector<Target> targets;
-};
-
-Action parse_session(Words& words, void (*send)(SimulatedManager&, const Session&)) {
-    // Braces, because they take the words from left to right.
-    const Session session{take_session(words), take_targets(words)};
-    return [session, send](CommandContext& context) { send(context.manager, session); };
-}
-
-Action parse_start(Words& words) {
-    return parse_session(words, [](SimulatedManager& manager, const Session& session) {
-        manager.start_session(session.id, session.targets);
-    });
-}
-
-Action parse_ready(Words& words) {
-    return parse_session(words, [](SimulatedManager& manager, const Session& session) {
-        manager.ready_session(session.id, session.targets);
-    });
-}
-
-Action parse_send(Words& words) {
-    if (words.peek() != '@') {
-        return [text = words.rest("RAW-TEXT")](CommandContext& context) {
-            if (context.manager.send_to_all(text) == 0) {
-                throw CommandFailed("no client is connected");
-            }
-        };
-    }
-    const int client = static_cast<int>(
-        parse_decimal(words.word("@CLIENT").substr(1), "@CLIENT", std::numeric_limits<int>::max()));
-    return [client, text = words.rest("RAW-TEXT")](CommandContext& context) {
-        context.manager.send(client, text);
-    };
-}
-
-using RuleChange = void (SimulatedManager::*)(Step, std::optional<Opcode>);
-
-Action parse_rule(Words& words, RuleChange change) {
-    const Step step = take_step(words);
-    if (step == Step::Init && !words.at_end()) throw BadCommand("init is not for one opcode");
-    return [change, step, opcode = take_optional_opcode(words)](CommandContext& context) {
-        (context.manager.*change)(step, opcode);
-    };
-}
-
-Action parse_refuse(Words& words) {
-    return parse_rule(words, &SimulatedManager::refuse);
-}
-Action parse_accept(Words& words) {
-    return parse_rule(words, &SimulatedManager::accept);
-}
-
-Action parse_close(Words&) {
-    return [](CommandContext& context) { context.manager.close_clients(); };
-}
-
-void expect(SimulatedManager& manager, const Matcher& matcher, std::chrono::milliseconds timeout) {
-    if (manager.expect(matcher, timeout)) return;
-    const auto others = manager.unexpected();
-    const std::string newest =
-        others.empty() ? "" : ", at last " + one_line(others.back().text.substr(0, kShownBytes));
-    throw CommandFailed(
-        fmt::format("expected within {} ms from a client a packet {}\n    since the last expect "
-                    "that was met {} other packets came{}",
-                    timeout.count(), matcher.description(), others.size(), newest));
-}
-
-Action parse_expect(Words& words) {
-    const Matcher matcher = take_matcher(words);
-    const auto timeout = words.at_end() ? kDefaultExpectTimeout : take_milliseconds(words, "MS");
-    return
-        [matcher, timeout](CommandContext& context) { expect(context.manager, matcher, timeout); };
-}
 
 Action parse_sleep(Words& words) {
     return [duration = take_milliseconds(words, "MS")](CommandContext& context) {
@@ -113,7 +31,7 @@ Action parse_quit(Words&) {
     return [](CommandContext& context) { context.quit = true; };
 }
 
-constexpr std::array<Command, 11> kCommands{{
+constexpr std::array<Command, 22> kCommands{{
     {"start", "SESSION OPCODE:SUBSYS[,SUBSYS]...",
      "Start a session for the subsystems of one or more opcodes. OPCODE is hexadecimal, SESSION\n"
      "and SUBSYS are decimal.",
@@ -125,17 +43,53 @@ constexpr std::array<Command, 11> kCommands{{
      "(5000 ms). With --count, executes it N times with M tasks in flight (1) and prints figures;\n"
      "a terminal then shows a bar instead of the packets.",
      parse_call},
+    {"end", "SESSION [OPCODE:SUBSYS[,SUBSYS]...]...",
+     "End a session for these subsystems or, without any, as a whole: for the clients for which\n"
+     "it was started, for every client if there are none.",
+     parse_end},
+    {"permission-change", "PERMISSION granted|denied [--session N] [--package TEXT]",
+     "Notify every client of a permission that changed, in a session (0) and for a package (an\n"
+     "empty text). Does not change the answers to queries.",
+     parse_permission_change},
+    {"state-change", "NAME VALUE [--session N] [--package TEXT]",
+     "Notify every client of a state that changed, as permission-change does. A NAME, a VALUE or\n"
+     "a TEXT with blanks goes between quotes.",
+     parse_state_change},
+    {"setting-change", "NAME VALUE [--session N] [--package TEXT]",
+     "Notify every client of a system setting that changed, as state-change does.",
+     parse_setting_change},
+    {"grant", "PERMISSION", "Grant a permission to whoever asks from now on. At first none is.",
+     parse_grant},
+    {"deny", "PERMISSION", "Deny a permission again.", parse_deny},
+    {"info", "NAME VALUE|--error TEXT",
+     "Answer queries and monitors of NAME by SUCCESS:VALUE or ERROR:TEXT from now on, with the\n"
+     "rest of the line. Other names give ERROR:unknown.",
+     parse_info},
+    {"refuse", "TYPE [OPCODE]",
+     "Refuse requests from now on. TYPE is init, auth, ready, permission or info; auth and ready\n"
+     "can be refused for one opcode.",
+     parse_refuse},
+    {"accept", "TYPE [OPCODE]", "Accept such requests again.", parse_accept},
+    {"delay", "TYPE MS",
+     "Send the Manager's answers to such requests MS late from now on. Nothing else waits for\n"
+     "them. A client that has gone meanwhile gets none.",
+     parse_delay},
+    {"drop", "TYPE", "Do not answer such requests from now on.", parse_drop},
+    {"answer", "TYPE", "Answer such requests again, and at once: the end of delay and drop.",
+     parse_answer},
     {"send", "[@CLIENT] RAW-TEXT", "Send the rest of the line to one client or to every client.",
      parse_send},
-    {"refuse", "init|auth|ready [OPCODE]",
-     "Refuse the step from now on, for one opcode or for all of them.", parse_refuse},
-    {"accept", "init|auth|ready [OPCODE]", "Accept the step again.", parse_accept},
-    {"close", "", "Close the connections of all clients.", parse_close},
     {"expect", "TEXT|/REGEX/ [MS]",
      "Wait up to MS (2000) for a packet from a client that contains TEXT, which may be quoted, or\n"
      "a match of the POSIX extended REGEX. Begins after the packet of the last expect that was\n"
      "met, and so finds a packet that came before the command was reached.",
      parse_expect},
+    {"close", "", "Close the connections of all clients.", parse_close},
+    {"restart", "[MS]",
+     "Close all connections and the socket, and come back after MS (0) like a new Manager, which\n"
+     "gives ids from 1 and knows no opcodes. What refuse, grant and the like set stays. Ends when\n"
+     "the Manager is back.",
+     parse_restart},
     {"sleep", "MS", "Wait.", parse_sleep},
     {"help", "[COMMAND]", "Explain a command, or list them.", parse_help},
     {"quit", "", "End the program.", parse_quit},

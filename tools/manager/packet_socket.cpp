@@ -95,6 +95,10 @@ SendResult send_packet(int connection, const std::string& text) {
     return may_retry ? SendResult::WouldBlock : SendResult::Closed;
 }
 
+void end_connection(int socket) {
+    shutdown(socket, SHUT_RDWR);
+}
+
 std::size_t max_packet_size(int connection) {
     int bytes = 0;
     socklen_t size = sizeof(bytes);

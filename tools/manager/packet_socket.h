@@ -20,6 +20,10 @@ enum class SendResult { Sent, WouldBlock, Closed };
 /// Sends one packet of no more than max_packet_size(). Does not block.
 SendResult send_packet(int connection, const std::string& text);
 
+/// Ends a connection in both directions, or a listener: the peer learns it, no more packets or
+/// connections come, and those that came can still be received or accepted.
+void end_connection(int socket);
+
 /// The size in bytes of the largest packet that can be sent.
 std::size_t max_packet_size(int connection);
 

@@ -24,18 +24,21 @@ void SimulatedManager::wake_thread() const {
 
 void SimulatedManager::serve() {
     std::vector<pollfd> events;
+    int timeout = -1;
     do {
         {
             const Lock lock(mutex_);
             events = poll_set();
+            timeout = delayed_.poll_timeout(Clock::now());
         }
-        poll(events.data(), events.size(), -1);
+        poll(events.data(), events.size(), timeout);
     } while (handle_events(events));
+    disconnect_all();
 }
 
 std::vector<pollfd> SimulatedManager::poll_set() const {
     std::vector<pollfd> set{{wake_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
-    for (const Client& client : clients_) {
+    for (const ConnectedClient& client : clients_) {
         const short wanted = client.unsent.empty() ? POLLIN : POLLIN | POLLOUT;
         set.push_back({client.connection.get(), wanted, 0});
     }
@@ -46,13 +49,14 @@ std::vector<pollfd> SimulatedManager::poll_set() const {
 bool SimulatedManager::handle_events(const std::vector<pollfd>& events) {
     const Lock lock(mutex_);
     auto event = events.begin() + kFirstClientIndex;
-    for (Client& client : clients_) {
+    for (ConnectedClient& client : clients_) {
         const int happened = (event++)->revents;
         if (happened & POLLOUT) flush(client);
         if (happened & ~POLLOUT) receive_from(client);
     }
+    send_due_answers();
     remove_closing_clients();
-    if (events[kListenerIndex].revents != 0 && running_) accept_clients();
+    if (events[kListenerIndex].revents != 0) accept_clients();
     if (events[kWakeIndex].revents != 0) {
         eventfd_t ignored = 0;
         eventfd_read(wake_.get(), &ignored);
@@ -71,11 +75,14 @@ void SimulatedManager::accept_clients() {
     }
 }
 
-void SimulatedManager::receive_from(Client& client) {
+/// Returns whether more may come.
+bool SimulatedManager::receive_from(ConnectedClient& client) {
     const Received received = receive_packet(client.connection.get());
+    if (received.kind == Received::Kind::Packet) {
+        handle(client, record(client, Direction::FromClient, received.text));
+    }
     if (received.kind == Received::Kind::Closed) client.closing = true;
-    if (received.kind != Received::Kind::Packet) return;
-    handle(client, record(client, Direction::FromClient, received.text));
+    return received.kind != Received::Kind::Closed;
 }
 
 void SimulatedManager::remove_closing_clients() {
@@ -84,6 +91,9 @@ void SimulatedManager::remove_closing_clients() {
             ++client;
             continue;
         }
+        // The client would see a reset if a packet of it were left unread.
+        end_connection(client->connection.get());
+        while (receive_from(*client)) continue;
         const int number = client->number;
         routes_.remove_client(number);
         client = clients_.erase(client);
@@ -91,40 +101,49 @@ void SimulatedManager::remove_closing_clients() {
     }
 }
 
-SimulatedManager::Client* SimulatedManager::find_client(int number) {
-    const auto client = std::find_if(clients_.begin(), clients_.end(), [&](const Client& c) {
-        return c.number == number && !c.closing;
-    });
+void SimulatedManager::disconnect_all() {
+    const Lock lock(mutex_);
+    // A client that waits to be accepted would see a reset, too.
+    end_connection(listener_.get());
+    accept_clients();
+    for (ConnectedClient& client : clients_) client.closing = true;
+    remove_closing_clients();
+    changed_.notify_all();
+}
+
+ConnectedClient* SimulatedManager::find_client(int number) {
+    const auto client =
+        std::find_if(clients_.begin(), clients_.end(),
+                     [&](const ConnectedClient& c) { return c.number == number && !c.closing; });
     return client == clients_.end() ? nullptr : &*client;
 }
 
-SimulatedManager::Client& SimulatedManager::client_for(Opcode opcode) {
+ConnectedClient& SimulatedManager::client_for(Opcode opcode) {
     const std::optional<int> number = routes_.find(opcode);
-    Client* const client = number ? find_client(*number) : nullptr;
+    ConnectedClient* const client = number ? find_client(*number) : nullptr;
     if (client != nullptr) return *client;
     throw ManagerError("no connected client has authenticated opcode " + opcode_text(opcode));
 }
 
-std::map<int, std::vector<Target>> SimulatedManager::by_client(const std::vector<Target>& targets) {
-    std::map<int, std::vector<Target>> groups;
-    for (const Target& target : targets) groups[client_for(target.opcode).number].push_back(target);
-    return groups;
-}
-
 /// Sends the packet, or queues it if the connection has no room for it now.
-void SimulatedManager::deliver(Client& client, const std::string& text) {
+void SimulatedManager::deliver(ConnectedClient& client, const std::string& text) {
     if (text.size() > client.max_packet_size) {
         throw ManagerError("a packet of " + std::to_string(text.size()) +
                            " bytes is larger than the system allows to send, which is " +
                            std::to_string(client.max_packet_size) + " (see net.core.wmem_max)");
     }
+    enqueue(client, text);
+}
+
+/// As deliver(), but a packet that is too large is lost.
+void SimulatedManager::enqueue(ConnectedClient& client, const std::string& text) {
     client.unsent.push_back(text);
     flush(client);
     if (!client.unsent.empty()) wake_thread();
 }
 
 /// Sends the packets that wait in the client's queue, as far as the connection has room.
-void SimulatedManager::flush(Client& client) {
+void SimulatedManager::flush(ConnectedClient& client) {
     for (; !client.unsent.empty(); client.unsent.pop_front()) {
         const SendResult result = send_packet(client.connection.get(), client.unsent.front());
         if (result == SendResult::WouldBlock) return;
@@ -133,7 +152,7 @@ void SimulatedManager::flush(Client& client) {
     }
 }
 
-const Packet& SimulatedManager::record(const Client& client, Direction direction,
+const Packet& SimulatedManager::record(const ConnectedClient& client, Direction direction,
                                        const std::string& text) {
     const Packet& packet = log_.append(
         {Clock::now(), std::chrono::system_clock::now(), client.number, direction, text});
@@ -141,28 +160,14 @@ const Packet& SimulatedManager::record(const Client& client, Direction direction
     return packet;
 }
 
-void SimulatedManager::handle(Client& client, const Packet& packet) {
+void SimulatedManager::handle(ConnectedClient& client, const Packet& packet) {
     const auto message = parse_json(packet.text);
     if (!message) return;
     if (const auto request = read_request(*message)) {
         answer(client, *request);
     } else if (const auto reply = read_reply(*message)) {
-        keep_reply(*reply, packet);
+        replies_.keep(*reply, packet);
     }
-}
-
-void SimulatedManager::answer(Client& client, const Request& request) {
-    if (request.step == Step::Auth && request.opcode && !answers_.refuses(request)) {
-        routes_.add(*request.opcode, client.number);
-    }
-    if (const auto text = answers_.answer(request)) deliver(client, *text);
-}
-
-void SimulatedManager::keep_reply(const ReplyHead& head, const Packet& packet) {
-    const auto task = pending_tasks_.find(head.transaction);
-    if (task == pending_tasks_.end()) return;
-    replies_.push_back({head.transaction, head.status, packet.time - task->second, packet});
-    pending_tasks_.erase(task);
 }
 
 }  // namespace manager

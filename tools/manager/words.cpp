@@ -49,6 +49,10 @@ char Words::peek() {
     return at_end() ? '\0' : rest_.front();
 }
 
+bool Words::at_option() {
+    return !at_end() && rest_.substr(0, 2) == "--";
+}
+
 void Words::require(const char* what) {
     if (at_end()) throw BadCommand(fmt::format("{} is missing", what));
 }

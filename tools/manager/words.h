@@ -23,6 +23,8 @@ class Words {
     bool at_end();
     /// The first character of the next item, NUL at the end.
     char peek();
+    /// Whether the next item begins with two dashes.
+    bool at_option();
 
     /// The characters up to the next blank.
     std::string word(const char* what);
