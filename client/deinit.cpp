@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "client/IVexaClient.h"
-#include "client/acknowledgement.h"
+#include "client/auth_regs_redy.h"
 #include "client/change_notices.h"
 #include "client/logging.h"
 #include "client/readiness.h"
@@ -22,7 +22,8 @@ bool dismiss_receiver() {
 
 // A dismissed receive thread calls no callback of a session once the lock has been free.
 void await_session_callback() {
-    if (!on_receive_thread()) std::lock_guard<std::mutex> lock(gSessionsMutex);
+    if (on_receive_thread()) return;  // inside such a callback
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
 }
 
 void drop_registrations() {

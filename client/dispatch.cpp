@@ -3,7 +3,7 @@
 #include <exception>
 #include <string>
 
-#include "client/acknowledgement.h"
+#include "client/auth_regs_redy.h"
 #include "client/change_notices.h"
 #include "client/end_session.h"
 #include "client/exec_task.h"

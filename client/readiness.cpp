@@ -3,7 +3,7 @@
 #include <mutex>
 #include <string>
 
-#include "client/acknowledgement.h"
+#include "client/auth_regs_redy.h"
 #include "client/logging.h"
 #include "client/receive.h"
 

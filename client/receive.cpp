@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "client/acknowledgement.h"
+#include "client/auth_regs_redy.h"
 #include "client/connection.h"
 #include "client/dispatch.h"
 #include "client/logging.h"

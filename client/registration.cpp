@@ -2,8 +2,8 @@
 #include <string>
 
 #include "client/IVexaClient.h"
-#include "client/acknowledgement.h"
 #include "client/api_definition.h"
+#include "client/auth_regs_redy.h"
 #include "client/logging.h"
 #include "client/receive.h"
 

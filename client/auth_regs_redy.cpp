@@ -1,4 +1,4 @@
-#include "client/acknowledgement.h"
+#include "client/auth_regs_redy.h"
 
 #include <stdexcept>
 #include <string>
