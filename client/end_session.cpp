@@ -9,11 +9,6 @@
 
 namespace {
 
-bool session_exists(std::uint32_t session_id) {
-    std::lock_guard<std::mutex> lock(gSessionsMutex);
-    return gSessions.count(session_id) != 0;
-}
-
 void end_service(std::uint32_t session_id, ServiceKey service, const StateCallback& callback,
                  EndCounts* counts) {
     const auto [opcode, subsystem] = service;

@@ -8,11 +8,6 @@
 
 namespace {
 
-bool session_exists(std::uint32_t session_id) {
-    std::lock_guard<std::mutex> lock(gSessionsMutex);
-    return gSessions.count(session_id) != 0;
-}
-
 void ready_service(std::uint32_t session_id, ServiceKey service, const StateCallback& callback,
                    int service_id) {
     const auto [opcode, subsystem] = service;

@@ -58,6 +58,11 @@ std::uint32_t read_transaction_id(const Json::Value& message) {
     return id.isUInt() ? id.asUInt() : static_cast<std::uint32_t>(id.asInt());
 }
 
+bool session_exists(std::uint32_t session_id) {
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
+    return gSessions.count(session_id) != 0;
+}
+
 std::optional<StateCallback> find_state_callback(std::uint32_t opcode) {
     std::lock_guard<std::mutex> lock(gReadyMutex);
     const auto service = gReady.find(opcode);

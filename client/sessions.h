@@ -31,6 +31,9 @@ std::vector<SessionTarget> read_session_targets(const Json::Value& message);
 // Reads "transac_id" (default 0) with all 32 bits kept: -1 and 4294967295 are the same id.
 std::uint32_t read_transaction_id(const Json::Value& message);
 
+// Returns whether there is such a session, with or without services.
+bool session_exists(std::uint32_t session_id) EXCLUDES(gSessionsMutex);
+
 // Returns the state callback of `opcode`, nothing if the service is not ready.
 std::optional<StateCallback> find_state_callback(std::uint32_t opcode) EXCLUDES(gReadyMutex);
 
