@@ -1,11 +1,10 @@
 #include "client/api_definition.h"
 
-#include <json/json.h>
-
 #include <cstdlib>
 #include <cstring>
 
 #include "client/IVexaClient.h"
+#include "client/json_access.h"
 #include "client/logging.h"
 
 namespace {
@@ -29,20 +28,13 @@ bool is_supported(std::uint8_t version) {
     return false;
 }
 
-bool parse(const char* text, Json::Value* root, std::string* error) {
-    Json::CharReaderBuilder builder;
-    builder["allowTrailingCommas"] = false;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    return reader->parse(text, text + std::strlen(text), root, error);
-}
-
 void read_members(const Json::Value& root, ApiDefinition* definition) {
-    const Json::Value& service = root["Vexon"];
-    definition->opcode_text = service.get("opcode", "0").asString();
+    const Json::Value& service = member(root, "Vexon");
+    definition->opcode_text = text_member(service, "opcode", "0");
     definition->opcode =
         static_cast<std::uint32_t>(std::strtoul(definition->opcode_text.c_str(), nullptr, 16));
-    for (const Json::Value& subsystem : service["subsystems"]) {
-        definition->subsystems.push_back(subsystem["id"].asUInt());
+    for (const Json::Value& subsystem : member(service, "subsystems")) {
+        definition->subsystems.push_back(uint_member(subsystem, "id", 0));
     }
 }
 
@@ -51,10 +43,10 @@ void read_members(const Json::Value& root, ApiDefinition* definition) {
 bool parse_members(const char* text, ApiDefinition* definition, std::string* error) {
     try {
         Json::Value root;
-        if (!parse(text, &root, error)) return false;
+        if (!JsonReader().parse(text, text + std::strlen(text), &root, error)) return false;
         read_members(root, definition);
         return true;
-    } catch (const Json::Exception& exception) {
+    } catch (const MalformedMessage& exception) {
         *error = exception.what();
         return false;
     }

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "client/json_access.h"
 #include "client/receive.h"
 
 namespace {
@@ -14,9 +15,9 @@ struct Verdict {
 
 // The opcode is decimal text with either sign.
 Verdict read_verdict(const Json::Value& message) {
-    const long long opcode = std::stoll(message.get("opcode", "0").asString());
+    const long long opcode = std::stoll(text_member(message, "opcode", "0"));
     if (opcode < INT32_MIN || opcode > UINT32_MAX) throw std::out_of_range("opcode");
-    return {static_cast<std::uint32_t>(opcode), message.get("result", kNotAnswered).asInt()};
+    return {static_cast<std::uint32_t>(opcode), int_member(message, "result", kNotAnswered)};
 }
 
 template <class Table>

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "client/IVexaClient.h"
+#include "client/json_access.h"
 #include "client/logging.h"
 #include "client/receive.h"
 
@@ -38,11 +39,11 @@ void notify_ready_services(const vexa_req_t& notice, Wanted wanted) {
 AfterMessage notify_of_state(const Json::Value& message, vexa_status_t status) {
     vexa_req_t notice{};
     notice.status = status;
-    const std::string state = message.get("state", "null").asString();
-    notice.session_id = message.get("session_id", 0U).asUInt();
-    const std::string value = message.get("value", "null").asString();
+    const std::string state = text_member(message, "state", "null");
+    notice.session_id = uint_member(message, "session_id", 0);
+    const std::string value = text_member(message, "value", "null");
     notice.state = state + ":" + value;
-    notice.package = message.get("package", "null").asString();
+    notice.package = text_member(message, "package", "null");
     log_line(kTrace, "State change: %s, session_id: %d, package: %s, state: %s",
              message["req_type"].asCString(), static_cast<int>(notice.session_id),
              notice.package.c_str(), notice.state.c_str());
@@ -65,12 +66,12 @@ AfterMessage on_system_setting_change(const Json::Value& message) {
 AfterMessage on_permission_change(const Json::Value& message) {
     vexa_req_t notice{};
     notice.status = VEXA_STATUS_PERMISSION_CHANGE;
-    const std::string session_id = message.get("sesson_id", "0").asString();  // spelt like this
+    const std::string session_id = text_member(message, "sesson_id", "0");  // spelt like this
     notice.session_id = static_cast<std::uint32_t>(std::strtoul(session_id.c_str(), nullptr, 10));
-    const std::string granted = message.get("status", "0").asString();
+    const std::string granted = text_member(message, "status", "0");
     notice.permission_status = std::strtol(granted.c_str(), nullptr, 10) != 0 ? 1 : 0;
-    notice.permission = message.get("permission", "").asString();
-    notice.package = message.get("package", "null").asString();
+    notice.permission = text_member(message, "permission", "");
+    notice.package = text_member(message, "package", "null");
     log_line(
         kTrace,
         "Req_type: %s Opcode: %d ssid: %d session_id: %d permission: %s package: %s status: %d",

@@ -9,6 +9,7 @@
 #include "client/exec_task.h"
 #include "client/info_query.h"
 #include "client/init_answer.h"
+#include "client/json_access.h"
 #include "client/logging.h"
 #include "client/permission_query.h"
 #include "client/ready_session.h"
@@ -53,7 +54,7 @@ AfterMessage dispatch_message(const Json::Value& message) {
     if (superseded()) return AfterMessage::kEndThread;
     std::string req_type = "?";
     try {
-        req_type = message.get("req_type", "0").asString();
+        req_type = text_member(message, "req_type", "0");
         return handle_by_type(req_type, message);
     } catch (const std::exception& error) {
         log_line(kFailure, "Failed to handle message of type '%s' (%s)", req_type.c_str(),

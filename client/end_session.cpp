@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "client/VexonTimer.h"
+#include "client/json_access.h"
 #include "client/logging.h"
 #include "client/session_loss.h"
 #include "client/sessions.h"
@@ -28,12 +29,13 @@ void end_service(std::uint32_t session_id, ServiceKey service, const StateCallba
 // Returns false if the request has to be given up without a response.
 bool end_named_services(std::uint32_t session_id, const Json::Value& opcodes, EndCounts* counts) {
     for (const Json::Value& element : opcodes) {
-        const Json::Value opcode = element.get("id", "0");
+        const Json::Value& opcode = member(element, "id");
         if (!opcode.isUInt()) return false;
         const auto callback = find_state_callback(opcode.asUInt());
         if (!callback) continue;
-        for (const Json::Value& subsystem : element["subsystems"]) {
-            end_service(session_id, {opcode.asUInt(), subsystem["id"].asUInt()}, *callback, counts);
+        for (const Json::Value& subsystem : member(element, "subsystems")) {
+            end_service(session_id, {opcode.asUInt(), uint_member(subsystem, "id", 0)}, *callback,
+                        counts);
         }
     }
     return true;
@@ -80,10 +82,10 @@ bool end_services(std::uint32_t session_id, const Json::Value& opcodes, EndCount
 }  // namespace
 
 int handle_session_end(const Json::Value& request) {
-    const std::uint32_t session_id = request.get("session_id", 0U).asUInt();
+    const std::uint32_t session_id = uint_member(request, "session_id", 0);
     MillisecondTimer timer('m', session_id, read_transaction_id(request));
     EndCounts counts;
-    if (!end_services(session_id, request["opcodes"], &counts)) return -1;
+    if (!end_services(session_id, member(request, "opcodes"), &counts)) return -1;
     timer.stop("handle_session_end time taken");
 
     const bool success = counts.ended > 0;

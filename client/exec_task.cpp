@@ -6,6 +6,7 @@
 
 #include "client/VexonTimer.h"
 #include "client/call_record.h"
+#include "client/json_access.h"
 #include "client/logging.h"
 #include "client/params/add_params.h"
 #include "client/params/queues.h"
@@ -16,7 +17,7 @@
 namespace {
 
 std::uint32_t hexadecimal_opcode(const Json::Value& message, const char* missing) {
-    const std::string text = message.get("opcode", missing).asString();
+    const std::string text = text_member(message, "opcode", missing);
     return static_cast<std::uint32_t>(std::strtoul(text.c_str(), nullptr, 16));
 }
 
@@ -69,8 +70,8 @@ void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task,
 
 int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task) {
     const ServiceKey service{hexadecimal_opcode(request, "0x0"),
-                             request.get("subsys_id", 0).asUInt()};
-    const std::uint32_t session_id = request.get("session_id", 0).asUInt();
+                             uint_member(request, "subsys_id", 0)};
+    const std::uint32_t session_id = uint_member(request, "session_id", 0);
     const std::uint32_t transaction_id = read_transaction_id(request);
     MillisecondTimer timer('m', session_id, transaction_id);
     if (!session_is_ready(session_id, service)) return -1;

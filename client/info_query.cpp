@@ -1,6 +1,7 @@
 #include "client/info_query.h"
 
 #include "client/IVexaClient.h"
+#include "client/json_access.h"
 #include "client/logging.h"
 #include "client/query.h"
 #include "client/receive.h"
@@ -26,11 +27,11 @@ std::string info_request(unsigned int session_id, const std::vector<std::string>
 }
 
 std::vector<std::string> read_infos(const Json::Value& message) {
-    const Json::Value& elements = message["QueryInfosRes"];
+    const Json::Value& elements = member(message, "QueryInfosRes");
     log_line(kTrace, "size of result array: %d", static_cast<int>(elements.size()));
     std::vector<std::string> infos;
     for (const Json::Value& element : elements) {
-        infos.push_back(element.asString());
+        infos.push_back(as_text(element));
         log_line(kTrace, "i = %d, info result: %s", static_cast<int>(infos.size() - 1),
                  infos.back().c_str());
     }

@@ -1,10 +1,11 @@
 #include "client/init_answer.h"
 
 #include "client/IVexaClient.h"
+#include "client/json_access.h"
 #include "client/receive.h"
 
 AfterMessage on_init(const Json::Value& message) {
-    const int id = message.get("service_id", -1).asInt();
+    const int id = int_member(message, "service_id", -1);
     {
         std::lock_guard<std::mutex> lock(gClientMutex);
         if (superseded()) return AfterMessage::kEndThread;

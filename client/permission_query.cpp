@@ -3,6 +3,7 @@
 #include <string>
 
 #include "client/IVexaClient.h"
+#include "client/json_access.h"
 #include "client/logging.h"
 #include "client/query.h"
 #include "client/receive.h"
@@ -34,12 +35,12 @@ std::string permission_request(unsigned int session_id, const std::vector<std::s
 }
 
 std::vector<bool> read_permissions(const Json::Value& message) {
-    if (message["status"].asInt() != 0) return {false};
-    const Json::Value& elements = message["PermRes"];
+    if (int_member(message, "status", 0) != 0) return {false};
+    const Json::Value& elements = member(message, "PermRes");
     log_line(kAlways, "size of permResp array: %d", static_cast<int>(elements.size()));
     std::vector<bool> granted;
     for (const Json::Value& element : elements) {
-        granted.push_back(std::stoi(element.asString()) != 0);
+        granted.push_back(std::stoi(as_text(element)) != 0);
         log_line(kAlways, "i = %d, permRes_meta_data response: %d",
                  static_cast<int>(granted.size() - 1), granted.back() ? 1 : 0);
     }

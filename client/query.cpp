@@ -7,6 +7,8 @@
 #include <ctime>
 #include <system_error>
 
+#include "client/json_access.h"
+
 namespace {
 
 constexpr std::chrono::seconds kAnswerLimit{3};
@@ -30,7 +32,7 @@ std::uint32_t next_query_id() {
 }
 
 bool query_id_validation(const Json::Value& message, unsigned int& query_id) {
-    const Json::Value& id = message["QueryId"];
+    const Json::Value& id = member(message, "QueryId");
     if (!id.isUInt()) return false;
     query_id = id.asUInt();
     return query_id != 0;

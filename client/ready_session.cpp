@@ -34,9 +34,8 @@ void ready_service(std::uint32_t session_id, ServiceKey service, const StateCall
 
 // Returns whether there was such a session.
 bool handle_session_ready(const Json::Value& request) {
-    const Json::Value id = request.get("session_id", 0U);
-    if (!id.isUInt()) return false;
-    const std::uint32_t session_id = id.asUInt();
+    std::uint32_t session_id = 0;
+    if (!read_session_id(request, &session_id)) return false;
     log_line(kAlways, "session_id received is %u", session_id);
     if (!session_exists(session_id)) {
         log_line(kFailure, "Invalid session_id was passed to handle_session_ready %d",

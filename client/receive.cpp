@@ -1,6 +1,5 @@
 #include "client/receive.h"
 
-#include <json/json.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include "client/auth_regs_redy.h"
 #include "client/connection.h"
 #include "client/dispatch.h"
+#include "client/json_access.h"
 #include "client/logging.h"
 #include "client/session_loss.h"
 
@@ -23,13 +23,6 @@ constexpr useconds_t kErrorPauseUs = 500'000;
 
 // The number of this receive thread; 0 on all other threads.
 thread_local std::uint32_t tReceiver = 0;
-
-std::unique_ptr<Json::CharReader> make_reader() {
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = true;
-    builder["allowTrailingCommas"] = false;
-    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
-}
 
 class ReceiveLoop {
   public:
@@ -99,11 +92,7 @@ class ReceiveLoop {
     bool parse(std::size_t size, Json::Value* message) {
         const char* const begin = buffer_.data();
         const char* const end = std::find(begin, begin + size, '\0');
-        try {
-            return reader_->parse(begin, end, message, nullptr) && message->isObject();
-        } catch (const std::exception&) {  // nested too deeply
-            return false;
-        }
+        return reader_.parse(begin, end, message, nullptr) && message->isObject();
     }
 
     void grow_buffer() {
@@ -145,7 +134,7 @@ class ReceiveLoop {
 
     const std::uint32_t receiver_ = tReceiver;
     std::shared_ptr<ManagerSocket> socket_ = current_connection();
-    const std::unique_ptr<Json::CharReader> reader_ = make_reader();
+    JsonReader reader_;
     std::vector<char> buffer_ = std::vector<char>(kHandshakeBufferSize);
 };
 

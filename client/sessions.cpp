@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "client/json_access.h"
 #include "client/logging.h"
 #include "client/receive.h"
 
@@ -41,21 +42,28 @@ void append_started(std::string* text,
 
 std::vector<SessionTarget> read_session_targets(const Json::Value& message) {
     std::vector<SessionTarget> targets;
-    for (const Json::Value& element : message["opcodes"]) {
-        const std::string opcode = element.get("id", "0").asString();
+    for (const Json::Value& element : member(message, "opcodes")) {
+        const std::string opcode = text_member(element, "id", "0");
         SessionTarget target{static_cast<std::uint32_t>(std::strtoul(opcode.c_str(), nullptr, 16)),
                              {}};
-        for (const Json::Value& subsystem : element["subsystems"]) {
-            target.subsystems.push_back(subsystem["id"].asUInt());
+        for (const Json::Value& subsystem : member(element, "subsystems")) {
+            target.subsystems.push_back(uint_member(subsystem, "id", 0));
         }
         targets.push_back(std::move(target));
     }
     return targets;
 }
 
+bool read_session_id(const Json::Value& message, std::uint32_t* session_id) {
+    const Json::Value* const id = find_member(message, "session_id");
+    if (id != nullptr && !id->isUInt()) return false;
+    *session_id = id == nullptr ? 0 : id->asUInt();
+    return true;
+}
+
 std::uint32_t read_transaction_id(const Json::Value& message) {
-    const Json::Value id = message.get("transac_id", 0);
-    return id.isUInt() ? id.asUInt() : static_cast<std::uint32_t>(id.asInt());
+    const Json::Value& id = member(message, "transac_id");
+    return id.isUInt() ? id.asUInt() : static_cast<std::uint32_t>(as_int(id));
 }
 
 bool session_exists(std::uint32_t session_id) {

@@ -25,8 +25,11 @@ struct StateCallback {
 };
 
 // Reads the "opcodes" of start_session and ready_session, whose ids are hexadecimal text. Throws
-// Json::Exception before anything has been done if a member is of a wrong kind.
+// MalformedMessage before anything has been done if a member is of a wrong kind.
 std::vector<SessionTarget> read_session_targets(const Json::Value& message);
+
+// Reads "session_id" (default 0). Returns whether it is an unsigned integer.
+bool read_session_id(const Json::Value& message, std::uint32_t* session_id);
 
 // Reads "transac_id" (default 0) with all 32 bits kept: -1 and 4294967295 are the same id.
 std::uint32_t read_transaction_id(const Json::Value& message);

@@ -81,9 +81,8 @@ void start_services(std::uint32_t session_id, const SessionTarget& target, Outco
 }  // namespace
 
 int handle_session_start(const Json::Value& request) {
-    const Json::Value id = request.get("session_id", 0U);
-    if (!id.isUInt()) return -1;
-    const std::uint32_t session_id = id.asUInt();
+    std::uint32_t session_id = 0;
+    if (!read_session_id(request, &session_id)) return -1;
     MillisecondTimer timer('m', session_id, read_transaction_id(request));
     const std::vector<SessionTarget> targets = read_session_targets(request);
     log_line(kAlways, "session_id received is %u", session_id);

@@ -1,6 +1,7 @@
 #include "faults.h"
 
 #include <cerrno>
+#include <functional>
 
 #include "client/IVexaClient.h"
 #include "client/query.h"
@@ -110,17 +111,28 @@ TEST_F(FaultTest, ReceiveErrorsCostAPauseAndAResetEndsTheThread) {
 }
 
 TEST_F(FaultTest, AQueryThatCannotWaitThrowsAndLeavesNothing) {
-    manager_.set_silent(manager::Step::Info, true);  // an answer would make the wait unnecessary
-    fail(Call::kCondClockwait, EINVAL);
-    try {
-        vexa_info_query(5, {"x"});
-        FAIL() << "must throw";
-    } catch (const std::system_error& error) {
-        EXPECT_NE(std::string::npos,
-                  std::string(error.what()).find("condition_variable timed_wait failed"));
+    // An answer would make the wait unnecessary.
+    manager_.set_silent(manager::Step::Info, true);
+    manager_.set_silent(manager::Step::Permission, true);
+    const std::function<void()> queries[] = {
+        [] { vexa_info_query(5, {"x"}); },
+        [] { vexa_info_monitor(5, {"x"}); },
+        [] { vexa_permission_query(5, {"x"}); },
+    };
+    for (const auto& query : queries) {
+        fail(Call::kCondClockwait, EINVAL);
+        try {
+            query();
+            ADD_FAILURE() << "must throw";
+        } catch (const std::system_error& error) {
+            EXPECT_NE(std::string::npos,
+                      std::string(error.what()).find("condition_variable timed_wait failed"));
+        }
     }
-    std::lock_guard<std::mutex> lock(gInfoMutex);
+    EXPECT_TRUE(serves());
+    const std::scoped_lock lock(gInfoMutex, gPermMutex);
     EXPECT_TRUE(gInfo.empty());
+    EXPECT_TRUE(gPerm.empty());
 }
 
 TEST(QueryIds, WrapFromTheLargestTo1) {

@@ -1,52 +1,147 @@
+#include <json/json.h>
+
+#include <functional>
+#include <sstream>
+#include <string>
+
 #include "service_test.h"
 
 namespace {
 
-struct BadMessage {
+constexpr const char* kNotParsed = "Failed to parse VEXON manager request";
+constexpr const char* kWhole = "Unknown request type 'aaa";
+
+struct Message {
     const char* name;
     std::string text;
     const char* log_line;
 };
 
+std::string message_of_size(std::size_t size) {
+    const std::string head = R"({"req_type":"a)";
+    const std::string tail = R"("})";
+    return head + std::string(size - head.size() - tail.size(), 'a') + tail;
+}
+
+std::string many_arrays() {
+    std::string text = "[]";
+    for (int i = 0; i < 2000; ++i) text += ",[]";
+    return text;
+}
+
+const Message kBeforeSessions[] = {
+    {"as large as the first buffer", message_of_size(5120), kWhole},
+    {"larger than that by one byte", message_of_size(5121), kNotParsed},
+    {"not JSON", "hello", kNotParsed},
+    {"not an object", "[1]", kNotParsed},
+    {"a cut object", R"({"req_type":"INIT")", kNotParsed},
+    {"nested too deeply inside", R"({"a":)" + std::string(4000, '['), kNotParsed},
+    {"a NUL first", std::string("\0{}", 3), kNotParsed},
+    {"text after a NUL", std::string("{\"req_type\":\"a\"}\0b", 17), "Unknown request type 'a'"},
+    {"comments with brackets", "/* [[ */{\"req_type\":\"c\"// {\n}", "Unknown request type 'c'"},
+    {"no type", "{}", "Unknown request type '0'"},
+    {"unknown type", R"({"req_type":"init"})", "Unknown request type 'init'"},
+    {"type of a wrong kind", R"({"req_type":{}})", "Failed to handle message of type '?' ("},
+    {"duplicate keys", R"({"req_type":"INIT","req_type":"last"})", "Unknown request type 'last'"},
+    {"invalid UTF-8", "{\"req_type\":\"\xff\xfe\"}", "Unknown request type '\xff\xfe'"},
+    {"number beyond 64 bits", R"({"req_type":"INIT","service_id":99999999999999999999})",
+     "Failed to handle message of type 'INIT' ("},
+    {"number beyond all bounds", R"({"req_type":"INIT","service_id":1e999})", kNotParsed},
+    {"opcode that does not convert", R"({"req_type":"AUTH","opcode":"x","result":0})",
+     "Failed to handle message of type 'AUTH' ("},
+    {"opcode beyond 32 bits", R"({"req_type":"REDY","opcode":"4294967322","result":0})",
+     "Failed to handle message of type 'REDY' (opcode)"},
+    {"opcode beyond 64 bits", R"({"req_type":"REGS","opcode":"99999999999999999999"})",
+     "Failed to handle message of type 'REGS' ("},
+    {"result beyond 32 bits", R"({"req_type":"AUTH","opcode":"26","result":4294967296})",
+     "Failed to handle message of type 'AUTH' ("},
+};
+
+const Message kWithSessions[] = {
+    {"as large as the second buffer", message_of_size(524288), kWhole},
+    {"larger than that by one byte", message_of_size(524289), kNotParsed},
+    {"opening brackets only", std::string(1'000'000, '['), kNotParsed},
+    {"many brackets, not nested", R"({"req_type":"flat","a":[)" + many_arrays() + "]}",
+     "Unknown request type 'flat'"},
+    {"brackets in text", R"({"req_type":"text","a":"\"\\)" + std::string(2000, '[') + "\"}",
+     "Unknown request type 'text'"},
+    // The end of a connection cannot be told from it.
+    {"nothing", "", "Communication with manager failed (Success)"},
+};
+
 // What one message makes fail must touch neither the next message nor a lock.
-TEST_F(ServiceTest, BadMessagesAreDroppedWithALogLine) {
-    constexpr const char* kNotParsed = "Failed to parse VEXON manager request";
-    const BadMessage messages[] = {
-        {"not JSON", "hello", kNotParsed},
-        {"not an object", "[1]", kNotParsed},
-        {"a cut object", R"({"req_type":"INIT")", kNotParsed},
-        {"nested too deeply", std::string(4000, '['), kNotParsed},
-        {"nested too deeply inside", R"({"a":)" + std::string(4000, '['), kNotParsed},
-        {"a NUL first", std::string("\0{}", 3), kNotParsed},
-        {"no type", "{}", "Unknown request type '0'"},
-        {"unknown type", R"({"req_type":"init"})", "Unknown request type 'init'"},
-        {"type of a wrong kind", R"({"req_type":{}})", "Failed to handle message of type '?' ("},
-        {"text after a NUL", std::string("{\"req_type\":\"a\"}\0b", 17),
-         "Unknown request type 'a'"},
-        {"comments", "/* c */{\"req_type\":\"c\"}", "Unknown request type 'c'"},
-        {"id of a wrong kind", R"({"req_type":"INIT","service_id":"x"})",
-         "Failed to handle message of type 'INIT' ("},
-        {"opcode that does not convert", R"({"req_type":"AUTH","opcode":"x","result":0})",
-         "Failed to handle message of type 'AUTH' ("},
-        {"opcode beyond 32 bits", R"({"req_type":"REDY","opcode":"4294967322","result":0})",
-         "Failed to handle message of type 'REDY' (opcode)"},
-        {"opcode beyond all bounds", R"({"req_type":"REGS","opcode":"99999999999999999999"})",
-         "Failed to handle message of type 'REGS' ("},
-        {"opcode of a wrong kind", R"({"req_type":"exec_task","opcode":[]})",
-         "Failed to handle message of type 'exec_task' ("},
-        {"result beyond 32 bits", R"({"req_type":"AUTH","opcode":"26","result":4294967296})",
-         "Failed to handle message of type 'AUTH' ("},
-        {"invalid UTF-8", "{\"req_type\":\"\xff\xfe\"}", "Unknown request type '\xff\xfe'"},
-    };
-    ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    for (const BadMessage& message : messages) {
+TEST_F(ServiceTest, MessagesAtTheLimitsAreDroppedWithALogLine) {
+    const auto send = [this](const Message& message) {
         SCOPED_TRACE(message.name);
         log_.clear();
         manager_.send_to_all(message.text);
-        ASSERT_NO_FATAL_FAILURE(wait_until_handled());
-        EXPECT_TRUE(log_.contains(message.log_line));
+        EXPECT_TRUE(log_.wait_for(message.log_line, kSoon));
+    };
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    for (const Message& message : kBeforeSessions) send(message);
+    ASSERT_NO_FATAL_FAILURE(wait_until_handled());  // a first start_session makes room
+    for (const Message& message : kWithSessions) send(message);
+    ASSERT_TRUE(log_.wait_for("reconnected to manager, gMgrSocket_fd is ", kSoon));
+    EXPECT_EQ(0, vexa_svc_deinit(id()));
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+}
+
+// A message of each type with all its keys; each value is exchanged for others.
+const char* const kMessages[] = {
+    R"({"req_type":"INIT","service_id":-1})",
+    R"({"req_type":"AUTH","opcode":"26","result":0})",
+    R"({"req_type":"exec_task","opcode":"1a","subsys_id":1,"session_id":5,"transac_id":1,"func":{)"
+    R"("name":"f","num_of_args":4,"args":[{"id":0,"type":"int32","value":1},)"
+    R"({"id":1,"type":"vector","vec_type":"int8","value":[1]},)"
+    R"({"id":2,"type":"vector","vec_type":"struct","value":[{"members":[]}]},)"
+    R"({"id":3,"type":"struct","members":[{"id":1,"type":"struct","members":[]},)"
+    R"({"id":2,"type":"vector","vec_type":"string","value":["a"]}]}]}})",
+    R"({"req_type":"start_session","session_id":6,"transac_id":1,)"
+    R"("opcodes":[{"id":"1a","subsystems":[{"id":1}]}]})",
+    R"({"req_type":"ready_session","session_id":6,)"
+    R"("opcodes":[{"id":"1a","subsystems":[{"id":1}]}]})",
+    R"({"req_type":"end_session","session_id":6,"transac_id":1,)"
+    R"("opcodes":[{"id":26,"subsystems":[{"id":1}]}]})",
+    R"({"req_type":"PERMISSION","QueryId":1,"status":0,"PermRes":["1"]})",
+    R"({"req_type":"INFO_QUERY","QueryId":2,"QueryInfosRes":["SUCCESS:1"]})",
+    R"({"req_type":"permission_change","sesson_id":"5","status":"1","permission":"p","package":"q"})",
+    R"({"req_type":"state_change","session_id":5,"state":"s","value":"v","package":"p"})",
+};
+
+const char* const kValues[] = {
+    "null", "true", "1", "-1", "1.5", "1e30", "18446744073709551615", "\"x\"", "[]", "[[]]", "{}",
+};
+
+// Calls `visit` with `root` once for each value at or below `place`, which is part of `root` and
+// exchanged for another at that time.
+void exchange_values(Json::Value& root, Json::Value& place,
+                     const std::function<void(const Json::Value&)>& visit) {
+    for (const char* const text : kValues) {
+        Json::Value other;
+        std::istringstream(text) >> other;
+        place.swap(other);
+        visit(root);
+        place.swap(other);
     }
-    ASSERT_NO_FATAL_FAILURE(offer(0x1b, "1b"));
+    if (!place.isArray() && !place.isObject()) return;
+    for (Json::Value& element : place) exchange_values(root, element, visit);
+}
+
+TEST_F(ServiceTest, EachValueOfAMessageMayBeOfAnyKind) {
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    ASSERT_NO_FATAL_FAILURE(open_session(5));
+    for (const char* const text : kMessages) {
+        Json::Value message;
+        std::istringstream(text) >> message;
+        exchange_values(message, message, [this](const Json::Value& changed) {
+            const bool may_end = changed.isObject() && changed["req_type"] == "INIT" &&
+                                 changed["service_id"].isConvertibleTo(Json::intValue);
+            if (changed.isObject() && !may_end) manager_.send_to_all(changed.toStyledString());
+        });
+        ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+    }
+    ASSERT_NO_FATAL_FAILURE(open_session(7));
+    EXPECT_TRUE(manager_.await_reply(manager_.exec_task({7, kOpcode, 1, "f"}), kSoon).has_value());
 }
 
 TEST_F(ServiceTest, AcknowledgementsThatNobodyWaitsForAreIgnored) {
@@ -69,29 +164,6 @@ TEST_F(ServiceTest, AnAcknowledgementAnswersTheOpcodeItsTextConvertsTo) {
     ASSERT_TRUE(expect("AUTH"));
     manager_.send_to_all(R"({"req_type":"AUTH","opcode":"1a","result":0})");
     EXPECT_EQ(0, registering.get());
-}
-
-std::string message_of_size(std::size_t size) {
-    const std::string head = R"({"req_type":"a)";
-    const std::string tail = R"("})";
-    return head + std::string(size - head.size() - tail.size(), 'a') + tail;
-}
-
-TEST_F(ServiceTest, MessagesMayFillTheBufferToTheLastByte) {
-    constexpr const char* kWhole = "Unknown request type 'aaa";
-    constexpr const char* kCut = "Failed to parse VEXON manager request";
-    const auto log_line_for = [this](std::size_t size) -> std::string {
-        log_.clear();
-        manager_.send_to_all(message_of_size(size));
-        EXPECT_TRUE(log_.wait_for("client received!!!", 0s) || log_.wait_for("request", kSoon));
-        return log_.contains(kWhole) ? kWhole : log_.contains(kCut) ? kCut : "";
-    };
-    ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    EXPECT_EQ(kWhole, log_line_for(5120));
-    EXPECT_EQ(kCut, log_line_for(5121));
-    ASSERT_NO_FATAL_FAILURE(wait_until_handled());  // a first start_session makes room
-    EXPECT_EQ(kWhole, log_line_for(524288));
-    EXPECT_EQ(kCut, log_line_for(524289));
 }
 
 TEST_F(ServiceTest, ALongMessageIsSentWholeAndTooLongAOneIsRefused) {

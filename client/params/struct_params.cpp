@@ -7,21 +7,21 @@
 
 namespace {
 
-int add_scalar_member(const Json::Value& member, const std::string& type_name,
+int add_scalar_member(const Json::Value& entry, const std::string& type_name,
                       vexon_data_type_t type, int id, vexon_type_map_t* typed,
                       vexon_value_map_t* values) {
-    const auto value = decode_scalar(type, member["value"], type_name, kMemberMessages);
+    const auto value = decode_scalar(type, member(entry, "value"), type_name, kMemberMessages);
     if (value == nullptr) return -1;
     typed->insert({id, {type, value}});
     values->insert({id, value});
     return 0;
 }
 
-int add_struct_member(const Json::Value& member, int id, vexon_type_map_t* typed,
+int add_struct_member(const Json::Value& entry, int id, vexon_type_map_t* typed,
                       vexon_value_map_t* values) {
     vexon_type_map_t nested_typed;
     vexon_value_map_t nested_values;
-    if (AddStructParams(member["members"], 0, &nested_typed, &nested_values) != 0) return -1;
+    if (AddStructParams(member(entry, "members"), 0, &nested_typed, &nested_values) != 0) return -1;
     typed->insert({id,
                    {VEXON_TYPE_STRUCT,
                     std::make_shared<ParamValues<vexon_type_map_t>>(std::move(nested_typed))}});
@@ -30,16 +30,16 @@ int add_struct_member(const Json::Value& member, int id, vexon_type_map_t* typed
     return 0;
 }
 
-int add_member(const Json::Value& member, vexon_type_map_t* typed, vexon_value_map_t* values) {
-    const std::string type_name = member["type"].asString();
-    const int id = member["id"].asInt();
+int add_member(const Json::Value& entry, vexon_type_map_t* typed, vexon_value_map_t* values) {
+    const std::string type_name = text_member(entry, "type", "");
+    const int id = int_member(entry, "id", 0);
     const vexon_data_type_t type = data_type_of(type_name);
     if (is_scalar_type(type)) {
-        return add_scalar_member(member, type_name, type, id, typed, values);
+        return add_scalar_member(entry, type_name, type, id, typed, values);
     }
-    if (type == VEXON_TYPE_STRUCT) return add_struct_member(member, id, typed, values);
+    if (type == VEXON_TYPE_STRUCT) return add_struct_member(entry, id, typed, values);
     // A vector that cannot be decoded is missing, the struct is not refused for it.
-    if (type == VEXON_TYPE_VECTOR) AddStructVectorParams(member, 0, id, typed, values);
+    if (type == VEXON_TYPE_VECTOR) AddStructVectorParams(entry, 0, id, typed, values);
     return 0;
 }
 
@@ -49,21 +49,21 @@ int AddStructParams(const Json::Value& members, int, vexon_type_map_t* typed,
                     vexon_value_map_t* values) {
     if (!members.isArray()) return -1;
     return decode_guarded([&] {
-        for (const Json::Value& member : members) {
-            if (add_member(member, typed, values) != 0) return -1;
+        for (const Json::Value& entry : members) {
+            if (add_member(entry, typed, values) != 0) return -1;
         }
         return 0;
     });
 }
 
-int AddStructVectorParams(const Json::Value& member, int, int id, vexon_type_map_t* typed,
+int AddStructVectorParams(const Json::Value& entry, int, int id, vexon_type_map_t* typed,
                           vexon_value_map_t* values) {
     return decode_guarded([&] {
-        const std::string type_name = member.get("vec_type", "none").asString();
+        const std::string type_name = text_member(entry, "vec_type", "none");
         if (type_name == "none") return -1;
         const vexon_data_type_t type = data_type_of(type_name);
         if (!is_scalar_type(type)) return 0;
-        const auto value = decode_scalar_vector(type, member["value"], type_name);
+        const auto value = decode_scalar_vector(type, member(entry, "value"), type_name);
         if (value == nullptr) return -1;
         typed->insert({id, {vector_tag(type), value}});
         values->insert({id, value});

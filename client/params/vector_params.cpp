@@ -12,7 +12,7 @@ namespace {
 
 int add_scalar_vector(const Json::Value& arg, const std::string& type_name, vexon_data_type_t type,
                       int id, vexon_func_call_info_t* info) {
-    const auto value = decode_scalar_vector(type, arg["value"], type_name);
+    const auto value = decode_scalar_vector(type, member(arg, "value"), type_name);
     if (value == nullptr) return -1;
     QueueInsertion(info, id, value, vector_tag(type));
     value_QueueInsertion(info, id, value);
@@ -22,10 +22,10 @@ int add_scalar_vector(const Json::Value& arg, const std::string& type_name, vexo
 int add_struct_vector(const Json::Value& arg, int id, vexon_func_call_info_t* info) {
     std::vector<vexon_type_map_t> typed_structs;
     std::vector<vexon_value_map_t> value_structs;
-    for (const Json::Value& element : arg["value"]) {
+    for (const Json::Value& element : member(arg, "value")) {
         vexon_type_map_t typed;
         vexon_value_map_t values;
-        if (AddStructParams(element["members"], 0, &typed, &values) != 0) return -1;
+        if (AddStructParams(member(element, "members"), 0, &typed, &values) != 0) return -1;
         typed_structs.push_back(std::move(typed));
         value_structs.push_back(std::move(values));
     }
@@ -43,7 +43,7 @@ int add_struct_vector(const Json::Value& arg, int id, vexon_func_call_info_t* in
 
 int AddVectorParams(const Json::Value& arg, int, int id, vexon_func_call_info_t* info) {
     return decode_guarded([&] {
-        const std::string type_name = arg.get("vec_type", "none").asString();
+        const std::string type_name = text_member(arg, "vec_type", "none");
         if (type_name == "none") {
             log_line(kAlways, "Json tag 'vec_type' is missing");
             return -1;
