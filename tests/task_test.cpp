@@ -1,3 +1,5 @@
+#include <pthread.h>
+
 #include <atomic>
 
 #include "service_test.h"
@@ -145,6 +147,44 @@ TEST_F(ServiceTest, RejectedArgumentsGetNoReply) {
     }
     EXPECT_FALSE(manager_.expect("\"transac_id\":7", kNotComing));
     EXPECT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "served"}), kSoon));
+}
+
+// Returns how many structs are in one another, each the first member of the one around it.
+int levels(const vexon_type_map_t* typed) {
+    int count = 0;
+    while (!typed->empty()) {
+        ++count;
+        const auto& [type, value] = typed->begin()->second;
+        EXPECT_EQ(VEXON_TYPE_STRUCT, type);
+        typed = &std::static_pointer_cast<ParamValues<vexon_type_map_t>>(value)->value;
+    }
+    return count;
+}
+
+std::string nested_structs(int count) {
+    std::string members = "[]";
+    for (int i = 1; i < count; ++i) {
+        members = R"([{"id":1,"type":"struct","members":)" + members + "}]";
+    }
+    return R"([{"id":0,"type":"struct","members":)" + members + "}]";
+}
+
+// Parsing, decoding and releasing are recursive, and the stack of a thread is small on Android.
+TEST_F(ServiceTest, StructsMayBeNestedAsDeeplyAsMessagesMay) {
+    pthread_attr_t attributes;
+    ASSERT_EQ(0, ::pthread_attr_init(&attributes));
+    ASSERT_EQ(0, ::pthread_attr_setstacksize(&attributes, 1'000'000));
+    ASSERT_EQ(0, ::pthread_setattr_default_np(&attributes));
+    ASSERT_NO_FATAL_FAILURE(
+        init_and_offer([](_vexon_call_info_t* call, vexon_func_call_info_t args) {
+            call->return_value = levels(args.type_queue);
+            return 0;
+        }));
+    ASSERT_NO_FATAL_FAILURE(open_session(5));
+    manager_.exec_task({5, kOpcode, 1, "f", nested_structs(498)});
+    EXPECT_TRUE(expect("\"return\":498,"));
+    manager_.exec_task({5, kOpcode, 1, "f", nested_structs(499)});
+    EXPECT_TRUE(log_.wait_for("Failed to parse VEXON manager request", kSoon));
 }
 
 TEST_F(ServiceTest, TasksRunAtTheSameTime) {
