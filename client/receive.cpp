@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <vector>
 
 #include "client/auth_regs_redy.h"
@@ -72,6 +73,16 @@ class ReceiveLoop {
 
     bool handle_packet(std::size_t size) {
         log_line(kAlways, "Client received!!!");
+        try {
+            return parse_and_dispatch(size);
+        } catch (const std::bad_alloc&) {
+            log_line(kFailure, "Out of memory");
+            clear_buffer(size);
+            return true;
+        }
+    }
+
+    bool parse_and_dispatch(std::size_t size) {
         Json::Value message;
         if (!parse(size, &message)) {
             log_line(kFailure, "Failed to parse VEXON manager request");

@@ -61,6 +61,24 @@ TEST_F(FaultTest, ATaskWhoseThreadOrRecordCannotBeMadeIsDropped) {
     EXPECT_TRUE(serves());
 }
 
+TEST_F(ServiceTest, AMessageForWhichMemoryIsMissingIsDropped) {
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    fail(Call::kNew, ENOMEM);
+    ASSERT_NO_FATAL_FAILURE(open_session(5));  // the larger buffer cannot be had yet
+    EXPECT_TRUE(log_.wait_for("Out of memory", kSoon));
+    ASSERT_NO_FATAL_FAILURE(open_session(6));
+
+    const std::string text(2 * kLargeBlock, 'a');
+    const std::string large = R"({"req_type":")" + text + R"("})";
+    manager_.send_to_all(large);
+    EXPECT_TRUE(log_.wait_for("Unknown request type 'aaa", kSoon));
+    log_.clear();
+    fail(Call::kNew, ENOMEM);
+    manager_.send_to_all(large);
+    EXPECT_TRUE(log_.wait_for("Out of memory", kSoon));
+    EXPECT_TRUE(manager_.await_reply(manager_.exec_task({6, kOpcode, 1, "f"}), kSoon));
+}
+
 TEST_F(FaultTest, SendsThatFailAreLoggedAndHarmless) {
     for (const int error : {EPIPE, ENOBUFS, EAGAIN}) {
         log_.clear();

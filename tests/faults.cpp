@@ -8,6 +8,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
+#include <new>
+
+#include "client/receive.h"
 
 #define EXPORTED __attribute__((visibility("default")))
 
@@ -32,7 +36,7 @@ struct Demand {
     std::atomic<int> error{0};
 };
 
-std::array<Demand, 6> gDemands;
+std::array<Demand, 7> gDemands;
 
 Demand& demand(Call call) {
     return gDemands[static_cast<std::size_t>(call)];
@@ -112,3 +116,18 @@ EXPORTED void* calloc(std::size_t count, std::size_t size) noexcept {
 }
 
 }  // extern "C"
+
+EXPORTED void* operator new(std::size_t size) {
+    const bool is_due = size >= kLargeBlock && on_receive_thread() && due(Call::kNew);
+    void* const block = is_due ? nullptr : std::malloc(size);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
+
+EXPORTED void operator delete(void* block) noexcept {
+    std::free(block);
+}
+
+EXPORTED void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
+}

@@ -4,12 +4,15 @@
 
 #pragma once
 
-#include <string>
+#include <cstddef>
 
-enum class Call { kPthreadCreate, kCondClockwait, kSocket, kSendTo, kRecvFrom, kCalloc };
+enum class Call { kPthreadCreate, kCondClockwait, kSocket, kSendTo, kRecvFrom, kCalloc, kNew };
+
+constexpr std::size_t kLargeBlock = 100'000;
 
 // Has the next `times` calls, of whichever thread, fail with `error`. For kSendTo and an error of 0
-// the call sends all but the last byte. Replaces what was demanded of the function before.
+// the call sends all but the last byte; kNew fails on the receive thread only, for blocks of
+// kLargeBlock or more. Replaces what was demanded of the function before.
 void fail(Call call, int error, int times = 1);
 
 // Returns whether all that was demanded has happened.
