@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "client/VexonTimer.h"
@@ -66,6 +67,14 @@ void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task,
     }
 }
 
+void send_reply(_vexon_call_info_t* call) {
+    try {
+        vexa_send_response(call, "");
+    } catch (const std::bad_alloc&) {
+        log_line(kFailure, "Out of memory");
+    }
+}
+
 }  // namespace
 
 int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task) {
@@ -101,7 +110,7 @@ void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
     const CallRecord record(call);
     run_task(call, task, args);
     ClearParamsFromQueues(args);
-    vexa_send_response(call, "");
+    send_reply(call);
 }
 
 AfterMessage on_exec_task(const Json::Value& message) {

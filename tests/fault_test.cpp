@@ -79,6 +79,20 @@ TEST_F(ServiceTest, AMessageForWhichMemoryIsMissingIsDropped) {
     EXPECT_TRUE(manager_.await_reply(manager_.exec_task({6, kOpcode, 1, "f"}), kSoon));
 }
 
+TEST_F(ServiceTest, AReplyForWhichMemoryIsMissingIsNotSent) {
+    ASSERT_NO_FATAL_FAILURE(
+        init_and_offer([](_vexon_call_info_t* call, vexon_func_call_info_t args) {
+            if (args.func_name == "large") call->func.assign(kLargeBlock, 'x');
+            may_fail_here();
+            return 0;
+        }));
+    ASSERT_NO_FATAL_FAILURE(open_session(5));
+    fail(Call::kNew, ENOMEM);
+    manager_.exec_task({5, kOpcode, 1, "large"});
+    EXPECT_TRUE(log_.wait_for("Out of memory", kSoon));
+    EXPECT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "small"}), kSoon));
+}
+
 TEST_F(FaultTest, SendsThatFailAreLoggedAndHarmless) {
     for (const int error : {EPIPE, ENOBUFS, EAGAIN}) {
         log_.clear();

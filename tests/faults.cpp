@@ -42,6 +42,8 @@ Demand& demand(Call call) {
     return gDemands[static_cast<std::size_t>(call)];
 }
 
+thread_local bool tMayFail = false;
+
 // Returns whether this call has to fail.
 bool due(Call call) {
     std::atomic<int>& times = demand(call).times;
@@ -67,6 +69,10 @@ Function* real(Function* interceptor, const char* name) {
 void fail(Call call, int error, int times) {
     demand(call).error = error;
     demand(call).times = times;
+}
+
+void may_fail_here() {
+    tMayFail = true;
 }
 
 bool all_failed(Call call) {
@@ -118,7 +124,7 @@ EXPORTED void* calloc(std::size_t count, std::size_t size) noexcept {
 }  // extern "C"
 
 EXPORTED void* operator new(std::size_t size) {
-    const bool is_due = size >= kLargeBlock && on_receive_thread() && due(Call::kNew);
+    const bool is_due = size >= kLargeBlock && (on_receive_thread() || tMayFail) && due(Call::kNew);
     void* const block = is_due ? nullptr : std::malloc(size);
     if (block == nullptr) throw std::bad_alloc();
     return block;

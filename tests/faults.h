@@ -11,9 +11,13 @@ enum class Call { kPthreadCreate, kCondClockwait, kSocket, kSendTo, kRecvFrom, k
 constexpr std::size_t kLargeBlock = 100'000;
 
 // Has the next `times` calls, of whichever thread, fail with `error`. For kSendTo and an error of 0
-// the call sends all but the last byte; kNew fails on the receive thread only, for blocks of
-// kLargeBlock or more. Replaces what was demanded of the function before.
+// the call sends all but the last byte; kNew fails for blocks of kLargeBlock or more, on the
+// receive thread and where may_fail_here() was called. Replaces what was demanded of the function
+// before.
 void fail(Call call, int error, int times = 1);
+
+// Has kNew fail on this thread too.
+void may_fail_here();
 
 // Returns whether all that was demanded has happened.
 bool all_failed(Call call);
