@@ -61,6 +61,8 @@ TEST_F(FaultTest, ATaskWhoseThreadOrRecordCannotBeMadeIsDropped) {
     EXPECT_TRUE(serves());
 }
 
+#if VEXON_OWN_NEW
+
 TEST_F(ServiceTest, AMessageForWhichMemoryIsMissingIsDropped) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     fail(Call::kNew, ENOMEM);
@@ -92,6 +94,8 @@ TEST_F(ServiceTest, AReplyForWhichMemoryIsMissingIsNotSent) {
     EXPECT_TRUE(log_.wait_for("Out of memory", kSoon));
     EXPECT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "small"}), kSoon));
 }
+
+#endif
 
 TEST_F(FaultTest, SendsThatFailAreLoggedAndHarmless) {
     for (const int error : {EPIPE, ENOBUFS, EAGAIN}) {

@@ -123,6 +123,8 @@ EXPORTED void* calloc(std::size_t count, std::size_t size) noexcept {
 
 }  // extern "C"
 
+#if VEXON_OWN_NEW
+
 EXPORTED void* operator new(std::size_t size) {
     const bool is_due = size >= kLargeBlock && (on_receive_thread() || tMayFail) && due(Call::kNew);
     void* const block = is_due ? nullptr : std::malloc(size);
@@ -137,3 +139,5 @@ EXPORTED void operator delete(void* block) noexcept {
 EXPORTED void operator delete(void* block, std::size_t) noexcept {
     std::free(block);
 }
+
+#endif

@@ -8,6 +8,16 @@
 
 enum class Call { kPthreadCreate, kCondClockwait, kSocket, kSendTo, kRecvFrom, kCalloc, kNew };
 
+// ThreadSanitizer insists on an operator new of its own.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VEXON_OWN_NEW 0
+#endif
+#endif
+#ifndef VEXON_OWN_NEW
+#define VEXON_OWN_NEW 1
+#endif
+
 constexpr std::size_t kLargeBlock = 100'000;
 
 // Has the next `times` calls, of whichever thread, fail with `error`. For kSendTo and an error of 0

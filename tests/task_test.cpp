@@ -124,7 +124,7 @@ TEST_F(ServiceTest, TasksReachOnlyServicesThatAreReadyInTheSession) {
     }
 }
 
-// A rejected call is not released, by design; this is the one test that has leaks to tolerate.
+// A rejected call is not released, by design: there are leaks to tolerate.
 TEST_F(ServiceTest, RejectedArgumentsGetNoReply) {
     const std::pair<const char*, const char*> functions[] = {
         {R"({"name":"f","num_of_args":2,"args":[]})",
