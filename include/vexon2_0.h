@@ -1,16 +1,17 @@
-// Client library for processes that offer services through the Manager.
-//
-// A process calls vexa_svc_init() once, registers each of its services, declares them ready with
-// two callbacks and is then driven by the Manager. Link with -lvexon2_0; nothing else is needed.
-//
-// Threads. The library has a receive thread and one thread per running task.
-//   - State callbacks run on the receive thread, one at a time. Until a callback returns, no other
-//     message of the Manager is handled, so it must be short and must not wait for another thread
-//     that waits for the Manager.
-//   - Exec callbacks run on a thread of their own, several at once, and may block.
-//   - Every function below may be called from any thread and from an exec callback. Which of them
-//     must not be called from a state callback is said at each.
-// Callbacks must not let an exception out.
+/// \file
+/// Client library for processes that offer services through the Manager.
+///
+/// A process calls vexa_svc_init() once, registers each of its services, declares them ready with
+/// two callbacks and is then driven by the Manager. Link with -lvexon2_0; nothing else is needed.
+///
+/// Threads. The library has a receive thread and one thread per running task.
+///   - State callbacks run on the receive thread, one at a time. Until a callback returns, no other
+///     message of the Manager is handled, so it must be short and must not wait for another thread
+///     that waits for the Manager.
+///   - Exec callbacks run on a thread of their own, several at once, and may block.
+///   - Every function below may be called from any thread and from an exec callback. Which of them
+///     must not be called from a state callback is said at each.
+/// Callbacks must not let an exception out.
 
 #pragma once
 
@@ -22,72 +23,74 @@
 #include <utility>
 #include <vector>
 
+/// Marks what the library exports.
 #define VEXON_API __attribute__((visibility("default")))
 
 // ---------------------------------------------------------------------------------------------
 // State notifications
 
-// What a state callback is told about.
+/// What a state callback is told about.
 enum vexa_status_t : std::int32_t {
-    VEXA_STATUS_TERMINATED = 0,  // Manager lost, all sessions ended (lowest opcode only)
-    // Manager reachable again, but nothing is received any more: de-initialise and start over, on
-    // another thread (lowest opcode only).
+    VEXA_STATUS_TERMINATED = 0,  ///< Manager lost, all sessions ended (lowest opcode only)
+    /// Manager reachable again, but nothing is received any more: de-initialise and start over, on
+    /// another thread (lowest opcode only).
     VEXA_STATUS_RECONNECTED = 1,
-    VEXA_STATUS_SESSION_START = 2,          // may the session start? 0 accepts, all else refuses
-    VEXA_STATUS_SESSION_END = 3,            // the session ends; not 0 refuses if named by opcode
-    VEXA_STATUS_PERMISSION_CHANGE = 4,      // a package's permission was granted or withdrawn
-    VEXA_STATUS_STATE_CHANGE = 5,           // a state of the system changed
-    VEXA_STATUS_SESSION_READY = 6,          // tasks of the session may come from now on
-    VEXA_STATUS_SYSTEM_SETTING_CHANGE = 7,  // a setting of the system changed
+    VEXA_STATUS_SESSION_START = 2,          ///< may the session start? 0 accepts, all else refuses
+    VEXA_STATUS_SESSION_END = 3,            ///< the session ends; not 0 refuses if named by opcode
+    VEXA_STATUS_PERMISSION_CHANGE = 4,      ///< a package's permission was granted or withdrawn
+    VEXA_STATUS_STATE_CHANGE = 5,           ///< a state of the system changed
+    VEXA_STATUS_SESSION_READY = 6,          ///< tasks of the session may come from now on
+    VEXA_STATUS_SYSTEM_SETTING_CHANGE = 7,  ///< a setting of the system changed
 };
 
-// One notification. It belongs to the library and dies when the callback returns: copy what is
-// needed, keep no pointer to it. Fields that a notification does not speak of are empty or 0.
+/// One notification. It belongs to the library and dies when the callback returns: copy what is
+/// needed, keep no pointer to it. Fields that a notification does not speak of are empty or 0.
 struct vexa_req_t {
-    vexa_status_t status;
-    std::uint32_t opcode;
-    std::uint32_t subsys_id;
-    std::uint32_t session_id;
-    std::string permission;          // PERMISSION_CHANGE: the permission's name
-    std::int64_t permission_status;  // PERMISSION_CHANGE: 1 granted, 0 not
-    std::string state;    // STATE_CHANGE and SYSTEM_SETTING_CHANGE: name and value, "name:value"
-    std::string package;  // the three changes: the package they concern, "null" if none was named
+    vexa_status_t status;            ///< what happened
+    std::uint32_t opcode;            ///< sessions: the service's opcode
+    std::uint32_t subsys_id;         ///< sessions: the service's subsystem
+    std::uint32_t session_id;        ///< the session, 0 if none is concerned
+    std::string permission;          ///< PERMISSION_CHANGE: the permission's name
+    std::int64_t permission_status;  ///< PERMISSION_CHANGE: 1 granted, 0 not
+    std::string state;    ///< STATE_CHANGE and SYSTEM_SETTING_CHANGE: name and value, "name:value"
+    std::string package;  ///< the three changes: the package they concern, "null" if none was named
 };
 
-// Told of sessions and changes. `service_id` is what vexa_svc_init() returned, `user_data` what the
-// service gave to _vexa_svc_ready(). The result matters for SESSION_START and SESSION_END only.
-//
-// Runs on the receive thread with a lock of the library held. From inside it do not call
-// _vexa_svc_register_auth() or _vexa_svc_ready() (they wait for an answer that this very thread
-// would have to receive; they log a line and return -1), nor, in the three changes,
-// vexa_svc_deinit() (logs a line and returns -1).
+/// Told of sessions and changes. `service_id` is what vexa_svc_init() returned, `user_data` what
+/// the service gave to _vexa_svc_ready(). The result matters for SESSION_START and SESSION_END
+/// only.
+///
+/// Runs on the receive thread with a lock of the library held. From inside it do not call
+/// _vexa_svc_register_auth() or _vexa_svc_ready() (they wait for an answer that this very thread
+/// would have to receive; they log a line and return -1), nor, in the three changes,
+/// vexa_svc_deinit() (logs a line and returns -1).
 typedef int (*vexa_state_callback_t)(int service_id, vexa_req_t* request, void* user_data);
 
 // ---------------------------------------------------------------------------------------------
 // Arguments of a task
 
-// Type of an argument, a struct member or a vector.
+/// Type of an argument, a struct member or a vector.
 enum vexon_data_type_t : std::int32_t {
     VEXON_TYPE_NONE = 0,
-    VEXON_TYPE_UINT8 = 1,      // ParamValues<unsigned char>
-    VEXON_TYPE_UINT16 = 2,     // ParamValues<unsigned short>
-    VEXON_TYPE_UINT32 = 3,     // ParamValues<unsigned int>
-    VEXON_TYPE_UINT64 = 4,     // ParamValues<unsigned long>
-    VEXON_TYPE_INT8 = 5,       // ParamValues<signed char>
-    VEXON_TYPE_INT16 = 6,      // ParamValues<short>
-    VEXON_TYPE_INT32 = 7,      // ParamValues<int>
-    VEXON_TYPE_INT64 = 8,      // ParamValues<long>
-    VEXON_TYPE_DOUBLE = 9,     // ParamValues<double>
-    VEXON_TYPE_STRING = 10,    // ParamValues<std::string>
-    VEXON_TYPE_BOOLEAN = 11,   // ParamValues<bool>
-    VEXON_TYPE_ENUM = 12,      // ParamValues<int>
-    VEXON_TYPE_BLOB = 13,      // ParamValues<std::string>, the text as it was received
-    VEXON_TYPE_CALLBACK = 14,  // never stored
-    VEXON_TYPE_VECTOR = 15,    // never stored: a vector carries one of the tags below
-    VEXON_TYPE_STRUCT = 16,    // ParamValues<vexon_type_map_t>, in value_queue vexon_value_map_t
+    VEXON_TYPE_UINT8 = 1,      ///< ParamValues<unsigned char>
+    VEXON_TYPE_UINT16 = 2,     ///< ParamValues<unsigned short>
+    VEXON_TYPE_UINT32 = 3,     ///< ParamValues<unsigned int>
+    VEXON_TYPE_UINT64 = 4,     ///< ParamValues<unsigned long>
+    VEXON_TYPE_INT8 = 5,       ///< ParamValues<signed char>
+    VEXON_TYPE_INT16 = 6,      ///< ParamValues<short>
+    VEXON_TYPE_INT32 = 7,      ///< ParamValues<int>
+    VEXON_TYPE_INT64 = 8,      ///< ParamValues<long>
+    VEXON_TYPE_DOUBLE = 9,     ///< ParamValues<double>
+    VEXON_TYPE_STRING = 10,    ///< ParamValues<std::string>
+    VEXON_TYPE_BOOLEAN = 11,   ///< ParamValues<bool>
+    VEXON_TYPE_ENUM = 12,      ///< ParamValues<int>
+    VEXON_TYPE_BLOB = 13,      ///< ParamValues<std::string>, the text as it was received
+    VEXON_TYPE_CALLBACK = 14,  ///< never stored
+    VEXON_TYPE_VECTOR = 15,    ///< never stored: a vector carries one of the tags below
+    VEXON_TYPE_STRUCT = 16,    ///< ParamValues<vexon_type_map_t>, in value_queue vexon_value_map_t
 
-    // A vector is tagged 16 + the type of its elements: ParamValues<std::vector<T>> with the T of
-    // the element type above.
+    /// A vector is tagged 16 + the type of its elements: ParamValues<std::vector<T>> with the T of
+    /// the element type above.
     VEXON_TYPE_VECTOR_UINT8 = 17,
     VEXON_TYPE_VECTOR_UINT16 = 18,
     VEXON_TYPE_VECTOR_UINT32 = 19,
@@ -101,63 +104,66 @@ enum vexon_data_type_t : std::int32_t {
     VEXON_TYPE_VECTOR_BOOLEAN = 27,
     VEXON_TYPE_VECTOR_ENUM = 28,
     VEXON_TYPE_VECTOR_BLOB = 29,
-    VEXON_TYPE_VECTOR_STRUCT = 30,  // ParamValues<std::vector<vexon_type_map_t>>, in value_queue
-                                    // ParamValues<std::vector<vexon_value_map_t>>
+    VEXON_TYPE_VECTOR_STRUCT = 30,  ///< ParamValues<std::vector<vexon_type_map_t>>, in value_queue
+                                    /// ParamValues<std::vector<vexon_value_map_t>>
 };
 
-// Common base of all decoded values. It has no virtual functions: the type tag beside a value says
-// to which ParamValues<T> it is to be cast with std::static_pointer_cast.
+/// Common base of all decoded values. It has no virtual functions: the type tag beside a value says
+/// to which ParamValues<T> it is to be cast with std::static_pointer_cast.
 class ValuesInterface {};
 
-// One decoded value.
+/// One decoded value.
 template <class T>
 class ParamValues : public ValuesInterface {
   public:
+    /// Holds the value.
     explicit ParamValues(T decoded) : value(std::move(decoded)) {}
 
-    T value;
+    T value;  ///< the value
 };
 
-// Arguments or struct members by key, without and with their type.
+/// Arguments or struct members by key.
 typedef std::map<int, std::shared_ptr<ValuesInterface>> vexon_value_map_t;
+
+/// The same, each with its type.
 typedef std::map<int, std::pair<vexon_data_type_t, std::shared_ptr<ValuesInterface>>>
     vexon_type_map_t;
 
-// One call of a function of a service.
-//
-// The key of an argument is its "id", except for a struct argument, whose key is its position
-// among the arguments, counted from 0. An argument of a type that the library does not know is
-// left out. Both queues are null when the call has no argument.
-//
-// The record is copied freely, the queues are not: all copies point to the same two maps, and the
-// library releases these when the exec callback returns. A value outlives them if the service
-// keeps its shared_ptr.
+/// One call of a function of a service.
+///
+/// The key of an argument is its "id", except for a struct argument, whose key is its position
+/// among the arguments, counted from 0. An argument of a type that the library does not know is
+/// left out. Both queues are null when the call has no argument.
+///
+/// The record is copied freely, the queues are not: all copies point to the same two maps, and the
+/// library releases these when the exec callback returns. A value outlives them if the service
+/// keeps its shared_ptr.
 struct vexon_func_call_info_t {
-    std::string func_name;
-    std::int32_t num_of_args;
-    vexon_value_map_t* value_queue;
-    vexon_type_map_t* type_queue;
+    std::string func_name;           ///< name of the function
+    std::int32_t num_of_args;        ///< how many arguments the Manager sent
+    vexon_value_map_t* value_queue;  ///< the arguments, null if there is none
+    vexon_type_map_t* type_queue;    ///< the same with their types, null if there is none
 };
 
-// One task and its reply. The library fills the three ids, the exec callback the rest. It belongs
-// to the library and is freed when the reply has been sent.
-//
-// Nothing is escaped on the way out: opcode and name must not hold a double quote or a backslash,
-// and func must be valid JSON member text, such as "\"out\":5".
+/// One task and its reply. The library fills the three ids, the exec callback the rest. It belongs
+/// to the library and is freed when the reply has been sent.
+///
+/// Nothing is escaped on the way out: opcode and name must not hold a double quote or a backslash,
+/// and func must be valid JSON member text, such as "\"out\":5".
 struct _vexon_call_info_t {
-    std::uint32_t session_id;
-    std::int32_t transac_id;
-    std::uint32_t reserved;
-    std::uint32_t subsys_id;
-    std::string opcode;
-    std::string name;
-    std::string func;  // members of the reply's "func" object; exactly "-1": none, and status -1
-    std::int32_t status;
-    std::int32_t return_value;
+    std::uint32_t session_id;  ///< session of the call
+    std::int32_t transac_id;   ///< number of the call; -1: answered by {"req_type":"", "Result":..}
+    std::uint32_t reserved;    ///< not used
+    std::uint32_t subsys_id;   ///< subsystem of the service that is called
+    std::string opcode;        ///< for the reply: the service's opcode as text, such as "0x1a"
+    std::string name;          ///< for the reply: the function's name
+    std::string func;  ///< members of the reply's "func" object; exactly "-1": none, and status -1
+    std::int32_t status;        ///< for the reply: 0 on success, by convention
+    std::int32_t return_value;  ///< for the reply: what the function returned
 };
 
-// Runs one task. Fills `call`; its own result is ignored. Runs on a thread of its own, at the same
-// time as other tasks, without any lock of the library held.
+/// Runs one task. Fills `call`; its own result is ignored. Runs on a thread of its own, at the same
+/// time as other tasks, without any lock of the library held.
 typedef int (*vexon_exec_callback_t)(_vexon_call_info_t* call, vexon_func_call_info_t args);
 
 // ---------------------------------------------------------------------------------------------
@@ -165,65 +171,65 @@ typedef int (*vexon_exec_callback_t)(_vexon_call_info_t* call, vexon_func_call_i
 
 extern "C" {
 
-// Connects to the Manager, starts the receive thread and asks for a service id.
-//
-// Returns the service id (not negative), at once and without asking again when the process has one
-// already. Returns -1 when the Manager cannot be reached, the request cannot be sent or the Manager
-// goes away before it has answered, and in a state callback; the Manager's negative answer when it
-// refuses. Blocks without time limit while a connected Manager does not answer. Throws
-// std::system_error
-// ("thread constructor failed") when no thread can be started; the call may then be repeated.
+/// Connects to the Manager, starts the receive thread and asks for a service id.
+///
+/// Returns the service id (not negative), at once and without asking again when the process has one
+/// already. Returns -1 when the Manager cannot be reached, the request cannot be sent or the
+/// Manager goes away before it has answered, and in a state callback; the Manager's negative answer
+/// when it refuses. Blocks without time limit while a connected Manager does not answer. Throws
+/// std::system_error
+/// ("thread constructor failed") when no thread can be started; the call may then be repeated.
 VEXON_API int vexa_svc_init();
 
-// Registers the service `opcode` of this process and waits for the Manager's verdict.
-//
-// `api_def` is the API definition: optionally the seven bytes 0x01 "VEXON" 0x01, then a version
-// byte of value 2, then NUL-terminated JSON text. `token` authenticates the service; it is sent
-// without escaping. Both stay the caller's and are not kept.
-//
-// Returns 0 when the service is registered; -1 when the definition is of another version or does
-// not parse, the request cannot be sent, the Manager refuses or the connection ends before it has
-// answered; -2 when `api_def` or `token` is null, `service_id` is not the one of this process or
-// the definition is for another opcode; -3 before vexa_svc_init(). Blocks without time limit while
-// the Manager does not answer. A second registration of an opcode while the first waits, or after a
-// request that could not be sent, is never answered: de-initialise first.
+/// Registers the service `opcode` of this process and waits for the Manager's verdict.
+///
+/// `api_def` is the API definition: optionally the seven bytes 0x01 "VEXON" 0x01, then a version
+/// byte of value 2, then NUL-terminated JSON text. `token` authenticates the service; it is sent
+/// without escaping. Both stay the caller's and are not kept.
+///
+/// Returns 0 when the service is registered; -1 when the definition is of another version or does
+/// not parse, the request cannot be sent, the Manager refuses or the connection ends before it has
+/// answered; -2 when `api_def` or `token` is null, `service_id` is not the one of this process or
+/// the definition is for another opcode; -3 before vexa_svc_init(). Blocks without time limit while
+/// the Manager does not answer. A second registration of an opcode while the first waits, or after
+/// a request that could not be sent, is never answered: de-initialise first.
 VEXON_API int _vexa_svc_register_auth(std::uint32_t service_id, std::uint32_t opcode,
                                       const std::uint8_t* api_def, const char* token);
 
-// Registers nothing, logs that it is deprecated and returns -1.
+/// Registers nothing, logs that it is deprecated and returns -1.
 VEXON_API int _vexa_svc_register(std::uint32_t service_id, std::uint32_t opcode,
                                  const std::uint8_t* api_def);
 
-// Declares a registered service ready and waits for the Manager's verdict.
-//
-// `state_callback` is required: a change of a permission is delivered without testing for it.
-// `user_data` is handed to it, stays the caller's and is not used any more when vexa_svc_deinit()
-// has returned. `exec_callback` runs the tasks; those that run then go on.
-//
-// Returns 0 when the service is ready; -1 when the request cannot be sent, the Manager refuses or
-// the connection ends before it has answered; -2 when `service_id` is not the one of this process;
-// -3 before vexa_svc_init(). Blocks without time limit while the Manager does not answer. Declaring
-// an opcode again that is ready, or whose request could not be sent, is never answered:
-// de-initialise first.
+/// Declares a registered service ready and waits for the Manager's verdict.
+///
+/// `state_callback` is required: a change of a permission is delivered without testing for it.
+/// `user_data` is handed to it, stays the caller's and is not used any more when vexa_svc_deinit()
+/// has returned. `exec_callback` runs the tasks; those that run then go on.
+///
+/// Returns 0 when the service is ready; -1 when the request cannot be sent, the Manager refuses or
+/// the connection ends before it has answered; -2 when `service_id` is not the one of this process;
+/// -3 before vexa_svc_init(). Blocks without time limit while the Manager does not answer.
+/// Declaring an opcode again that is ready, or whose request could not be sent, is never answered:
+/// de-initialise first.
 VEXON_API int _vexa_svc_ready(std::uint32_t service_id, std::uint32_t opcode,
                               vexa_state_callback_t state_callback, void* user_data,
                               vexon_exec_callback_t exec_callback);
 
-// Takes leave of the Manager, closes the connection and forgets all services and callbacks.
-// vexa_svc_init() may follow.
-//
-// Returns 0 when done; -1 from inside a notice of a change (see vexa_state_callback_t); -2 when
-// `service_id` is not the one of this process; -3 before vexa_svc_init(). Waits for a state
-// callback that runs on the receive thread, unless called in it, and as any send while the Manager
-// does not read. Registrations and declarations that wait in another thread return -1 (but a second
-// one of the same opcode never returns). Tasks that run are not waited for: their replies are lost,
-// with a log line, or go out on the next connection if there is one by then.
+/// Takes leave of the Manager, closes the connection and forgets all services and callbacks.
+/// vexa_svc_init() may follow.
+///
+/// Returns 0 when done; -1 from inside a notice of a change (see vexa_state_callback_t); -2 when
+/// `service_id` is not the one of this process; -3 before vexa_svc_init(). Waits for a state
+/// callback that runs on the receive thread, unless called in it, and as any send while the Manager
+/// does not read. Registrations and declarations that wait in another thread return -1 (but a
+/// second one of the same opcode never returns). Tasks that run are not waited for: their replies
+/// are lost, with a log line, or go out on the next connection if there is one by then.
 VEXON_API int vexa_svc_deinit(std::uint32_t service_id);
 
-// Logs `text` and, on the dedicated socket with markers enabled, sends it to the Manager as it is.
-//
-// Returns 0 or -1 as the send did, and where nothing is sent the result of the log call. -1 for a
-// null pointer. May block while the Manager does not read.
+/// Logs `text` and, on the dedicated socket with markers enabled, sends it to the Manager as it is.
+///
+/// Returns 0 or -1 as the send did, and where nothing is sent the result of the log call. -1 for a
+/// null pointer. May block while the Manager does not read.
 VEXON_API int vexa_log_marker(const char* text);
 
 }  // extern "C"
@@ -231,86 +237,94 @@ VEXON_API int vexa_log_marker(const char* text);
 // ---------------------------------------------------------------------------------------------
 // Services that the process offers
 
-// Adds a service; returns true. Registration does this for all subsystems of a definition.
+/// Adds a service; returns true. Registration does this for all subsystems of a definition.
 VEXON_API bool supported_services_add(unsigned int opcode, unsigned int subsystem);
 
-// Returns whether a session may be started for the service.
+/// Returns whether a session may be started for the service.
 VEXON_API bool is_service_supported(unsigned int opcode, unsigned int subsystem);
 
-// Forgets all services.
+/// Forgets all services.
 VEXON_API void supported_services_clear();
 
 // ---------------------------------------------------------------------------------------------
 // Messages and the connection, for services that need more than the callbacks
 
-// Sends the reply that `info` describes. The library does so itself after each exec callback.
-// `info` is only read. `req_type` is used for a transaction id of -1 alone, where the message is
-// {"req_type":"<req_type>", "Result":"<func>"}. A failure to send is logged. May block while the
-// Manager does not read.
+/// Sends the reply that `info` describes. The library does so itself after each exec callback.
+/// `info` is only read. `req_type` is used for a transaction id of -1 alone, where the message is
+/// {"req_type":"<req_type>", "Result":"<func>"}. A failure to send is logged. May block while the
+/// Manager does not read.
 VEXON_API void vexa_send_response(_vexon_call_info_t* info, std::string req_type);
 
-// Sends `msg`, a NUL-terminated text, as one packet. Returns 0, or -1 with a log line when it
-// cannot be sent (not connected, or larger than a packet can be). May block while the Manager does
-// not read.
+/// Sends `msg`, a NUL-terminated text, as one packet. Returns 0, or -1 with a log line when it
+/// cannot be sent (not connected, or larger than a packet can be). May block while the Manager does
+/// not read.
 VEXON_API int vexa_send_to_manager_raw(const char* msg);
 
-// Opens the connection. Returns 0, or -1 with a log line. To be called only while there is none;
-// vexa_svc_init() does so itself.
+/// Opens the connection. Returns 0, or -1 with a log line. To be called only while there is none;
+/// vexa_svc_init() does so itself.
 VEXON_API int connect_to_manager();
 
-// Says "EXIT" to the Manager and closes the connection, which ends the receive thread. Returns 0,
-// or -1 if there was none. Does not forget the service id: that is vexa_svc_deinit()'s.
+/// Says "EXIT" to the Manager and closes the connection, which ends the receive thread. Returns 0,
+/// or -1 if there was none. Does not forget the service id: that is vexa_svc_deinit()'s.
 VEXON_API int disconnect_from_manager();
 
-// Opens the connection again, trying every 50 ms for 20 s. Returns 0, or -1 after that time. To be
-// called only while there is none.
+/// Opens the connection again, trying every 50 ms for 20 s. Returns 0, or -1 after that time. To be
+/// called only while there is none.
 VEXON_API int reconnect_to_manager();
 
 // ---------------------------------------------------------------------------------------------
 // Questions to the Manager. Each blocks until the answer has come, for 3 seconds at most after the
-// request was sent. From a
-// state callback they log a line and return at once what they return without an answer. They throw
-// std::system_error ("condition_variable timed_wait failed") if the system cannot wait.
+// request was sent. From a state callback they log a line and return at once what they return
+// without an answer. They throw std::system_error ("condition_variable timed_wait failed") if the
+// system cannot wait.
 
-// Asks which of `permissions` are granted in a session. The names are sent without escaping.
-//
-// Returns one element for each permission, in their order; a single false if the Manager refuses to
-// tell; nothing if no answer has come. If the request cannot be sent, returns nothing, but a single
-// false for an empty list of permissions.
+/// Asks which of `permissions` are granted in a session. The names are sent without escaping.
+///
+/// Returns one element for each permission, in their order; a single false if the Manager refuses
+/// to tell; nothing if no answer has come. If the request cannot be sent, returns nothing, but a
+/// single false for an empty list of permissions.
 VEXON_API std::vector<bool> vexa_permission_query(unsigned int session_id,
                                                   std::vector<std::string> permissions);
 
-// Asks for pieces of information by name, once or to be monitored. The names are sent without
-// escaping.
-//
-// Returns one text for each name, in their order, for parse_result_of_query_info(); the single text
-// "ERROR:Empty requested info" for an empty list; nothing if no answer has come. If the request
-// cannot be sent, returns as many empty texts as there are names, modulo 256.
+/// Asks for pieces of information by name. The names are sent without escaping.
+///
+/// Returns one text for each name, in their order, for parse_result_of_query_info(); the single
+/// text "ERROR:Empty requested info" for an empty list; nothing if no answer has come. If the
+/// request cannot be sent, returns as many empty texts as there are names, modulo 256.
 VEXON_API std::vector<std::string> vexa_info_query(unsigned int session_id,
                                                    std::vector<std::string> names);
+
+/// Asks for pieces of information as vexa_info_query() does, and to be told of changes from then
+/// on.
 VEXON_API std::vector<std::string> vexa_info_monitor(unsigned int session_id,
                                                      std::vector<std::string> names);
 
-// Takes apart one text of an answer, "SUCCESS:value" or "ERROR:value". Returns 0 for the former, -1
-// for the latter, with the value in `out`. Returns -1 with "Empty result" or "Invalid result" in
-// `out` for an empty text and for one that begins otherwise.
+/// Takes apart one text of an answer, "SUCCESS:value" or "ERROR:value". Returns 0 for the former,
+/// -1 for the latter, with the value in `out`. Returns -1 with "Empty result" or "Invalid result"
+/// in `out` for an empty text and for one that begins otherwise.
 VEXON_API int parse_result_of_query_info(std::string text, std::string& out);
 
-// Returns the texts in double quotes with commas between them, nothing escaped.
+/// Returns the texts in double quotes with commas between them, nothing escaped.
 VEXON_API std::string vector_to_string_with_quotes(std::vector<std::string> texts);
 
 // ---------------------------------------------------------------------------------------------
 // Conversions of texts. None throws. Each returns 0; on failure it returns -1 and leaves `out`
 // alone, the numeric ones with a log line.
 
-// Decimal, as std::stoi, std::stoul and std::stoull convert: leading white space and a sign are
-// allowed, and what follows the digits is ignored. The second keeps the low 32 of 64 bits.
+/// Decimal, as std::stoi converts: leading white space and a sign are allowed, and what follows the
+/// digits is ignored.
 VEXON_API int stoi_validation(std::string text, int* out);
+
+/// Decimal, as std::stoul converts, of which the low 32 bits are kept.
 VEXON_API int stoul_validation(std::string text, unsigned int* out);
+
+/// Decimal, as std::stoull converts.
 VEXON_API int stoull_validation(std::string text, unsigned long* out);
 
-// Exactly "true" and "false".
+/// Writes "true" or "false".
 VEXON_API void vexon_bool_to_string(bool value, std::string* out);
+
+/// Takes exactly "true" and "false".
 VEXON_API int vexon_string_to_bool(std::string text, bool* out);
 
 // ---------------------------------------------------------------------------------------------
@@ -318,14 +332,16 @@ VEXON_API int vexon_string_to_bool(std::string text, bool* out);
 
 extern "C" {
 
-// Version of the API definitions that _vexa_svc_register_auth() takes.
+/// Version of the API definitions that _vexa_svc_register_auth() takes.
 VEXON_API extern const std::uint8_t VEXA_JSON_DEF_VER_ARR;
 
-// Characters that delimit lists. For services; the library does not use it.
+/// Characters that delimit lists. For services; the library does not use it.
 VEXON_API extern const char deliminator[4];
 
-// Where vexa_svc_init() waits, and the flag that it waits for.
+/// Where vexa_svc_init() waits.
 VEXON_API extern std::condition_variable init_cv;
+
+/// What it waits for.
 VEXON_API extern bool response_for_init;
 
 }  // extern "C"
