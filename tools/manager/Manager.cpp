@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "manager/durations.h"
-#include "manager/packet_socket.h"
 
 namespace manager {
 
@@ -20,7 +19,7 @@ SimulatedManager::~SimulatedManager() {
 void SimulatedManager::start() {
     const std::lock_guard lifecycle(lifecycle_mutex_);
     if (thread_.joinable()) return;
-    listener_ = listen_at(path_);
+    listener_ = ListeningSocket(path_);
     {
         const Lock lock(mutex_);
         running_ = true;
@@ -38,10 +37,10 @@ void SimulatedManager::stop() {
     }
     changed_.notify_all();
     // Removed while it is still ours: once we no longer listen, another Manager may take the path.
-    unlink(path_.c_str());
+    listener_.remove_file();
     wake_thread();
     thread_.join();
-    listener_ = FileDescriptor();
+    listener_ = ListeningSocket();
 }
 
 void SimulatedManager::set_observer(PacketObserver on_packet, ConnectionObserver on_connection) {

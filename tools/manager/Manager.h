@@ -26,6 +26,7 @@
 #include "manager/delayed_answers.h"
 #include "manager/error.h"
 #include "manager/file_descriptor.h"
+#include "manager/listening_socket.h"
 #include "manager/matcher.h"
 #include "manager/messages.h"
 #include "manager/opcode_routes.h"
@@ -177,7 +178,7 @@ class SimulatedManager {
 
     std::mutex lifecycle_mutex_;
     std::thread thread_;
-    FileDescriptor listener_;
+    ListeningSocket listener_;
 
     std::atomic<std::int64_t> last_transaction_{0};
 

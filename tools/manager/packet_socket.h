@@ -6,11 +6,6 @@
 
 namespace manager {
 
-/// Listens for packet connections at `path`, which every user may connect to. Replaces the socket
-/// file that a dead process left behind; throws ManagerError if a live one listens there or the
-/// path cannot be used.
-FileDescriptor listen_at(const std::string& path);
-
 /// Accepts a connection that waits, prepared for packets of the largest size the system allows us.
 /// Returns an invalid descriptor if none waits. Does not block.
 FileDescriptor accept_connection(int listener);
