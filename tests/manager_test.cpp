@@ -52,7 +52,10 @@ class Client {
 
 class Simulated : public testing::Test {
   protected:
-    void SetUp() override { simulated.start(); }
+    void SetUp() override {
+        traffic.follow(simulated, console);
+        simulated.start();
+    }
 
     /// Carries out commands, a line each, and what clients do, which connect when they first do
     /// something: "A< TEXT" sends, "A> TEXT" receives, "A! " leaves, and "A? TYPE REQUEST =>
@@ -83,10 +86,11 @@ class Simulated : public testing::Test {
         EXPECT_EQ(client.receive(), head + text.substr(arrow + 4) + "}") << text;
     }
 
-    SimulatedManager simulated;
     Console console{false};
+    Traffic traffic;
+    SimulatedManager simulated;
     Interruption interruption{[] {}};
-    CommandContext context{simulated, console, interruption};
+    CommandContext context{simulated, console, interruption, traffic};
     std::map<char, Client> clients;
 };
 

@@ -120,6 +120,10 @@ bool SimulatedManager::wait_for_disconnect(int client, Timeout timeout) {
 
 std::vector<int> SimulatedManager::clients() const {
     const Lock lock(mutex_);
+    return client_numbers();
+}
+
+std::vector<int> SimulatedManager::client_numbers() const {
     std::vector<int> numbers;
     for (const ConnectedClient& client : clients_) numbers.push_back(client.number);
     return numbers;

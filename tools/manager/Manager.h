@@ -44,7 +44,7 @@ constexpr char kDedicatedPath[] = "/dev/socket/vexon_one/vexa_one";
 class SimulatedManager {
   public:
     using PacketObserver = std::function<void(const Packet&)>;
-    using ConnectionObserver = std::function<void(int client, bool connected)>;
+    using ConnectionObserver = std::function<void(const ConnectionChange&)>;
     /// How long a call waits at most; counted on the monotonic clock, up to 24 hours.
     using Timeout = std::chrono::milliseconds;
 
@@ -98,6 +98,12 @@ class SimulatedManager {
     /// Whether requests of the step get no answer at all, unless by send(); two names of one rule.
     void set_drop(Step step, bool drop);
     void set_silent(Step step, bool silent) { set_drop(step, silent); }
+
+    /// Whether requests are answered at all, as they are at first. `at_once`, if it is not empty,
+    /// is called between two packets, at the moment of the change, with the connected clients; it
+    /// must not call the Manager.
+    void set_answering(bool answering,
+                       const std::function<void(const std::vector<int>& clients)>& at_once = {});
 
     void grant(const std::string& permission);
     void deny(const std::string& permission);
@@ -157,6 +163,7 @@ class SimulatedManager {
 
     // The caller of all below holds the lock.
     std::vector<pollfd> poll_set() const;
+    std::vector<int> client_numbers() const;
     ConnectedClient* find_client(int number);
     ConnectedClient& client_for(Opcode opcode);
     TargetsByClient by_client(const std::vector<Target>& targets);
@@ -166,6 +173,7 @@ class SimulatedManager {
     void flush(ConnectedClient& client);
     const Packet& record(const ConnectedClient& client, Direction direction,
                          const std::string& text);
+    void notify(int client, Change change);
     void handle(ConnectedClient& client, const Packet& packet);
     void answer(ConnectedClient& client, const Request& request);
     void send_due_answers();
@@ -190,6 +198,7 @@ class SimulatedManager {
     std::list<ConnectedClient> clients_;
     int last_client_ = 0;
     PacketLog log_;
+    bool answering_ = true;
     Answers answers_;
     DelayedAnswers delayed_;
     OpcodeRoutes routes_;

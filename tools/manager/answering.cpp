@@ -27,6 +27,13 @@ void SimulatedManager::set_drop(Step step, bool drop) {
     answers_.set_drop(step, drop);
 }
 
+void SimulatedManager::set_answering(
+    bool answering, const std::function<void(const std::vector<int>& clients)>& at_once) {
+    const Lock lock(mutex_);
+    answering_ = answering;
+    if (at_once) at_once(client_numbers());
+}
+
 void SimulatedManager::grant(const std::string& permission) {
     const Lock lock(mutex_);
     answers_.grant(permission);
@@ -46,6 +53,7 @@ void SimulatedManager::answer(ConnectedClient& client, const Request& request) {
     if (request.step == Step::Auth && request.opcode && !answers_.refuses(request)) {
         routes_.add(*request.opcode, client.number);
     }
+    if (!answering_) return;
     const auto answer = answers_.answer(request);
     if (!answer) return;
     if (answer->delay.count() > 0) {

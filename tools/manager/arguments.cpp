@@ -66,6 +66,12 @@ Step take_step(Words& words) {
     return take_choice(words, kSteps, "init, auth, ready, permission or info");
 }
 
+std::vector<std::string> step_names() {
+    std::vector<std::string> names;
+    for (const auto& [name, step] : kSteps) names.emplace_back(name);
+    return names;
+}
+
 std::optional<Opcode> take_optional_opcode(Words& words) {
     if (words.at_end()) return std::nullopt;
     return parse_opcode(words.word("OPCODE"));

@@ -25,6 +25,7 @@ Target take_target(Words& words);
 /// One or more of them, up to the end.
 std::vector<Target> take_targets(Words& words);
 Step take_step(Words& words);
+std::vector<std::string> step_names();
 /// Nothing at the end.
 std::optional<Opcode> take_optional_opcode(Words& words);
 /// One word, or several between quotes.

@@ -12,8 +12,6 @@
 namespace manager {
 namespace {
 
-using Milliseconds = std::chrono::duration<double, std::milli>;
-
 constexpr std::chrono::milliseconds kProgressInterval(100);
 constexpr std::size_t kProgressWidth = 40;
 // More tasks than this in flight only wait in the client's queue.
@@ -63,9 +61,12 @@ void call_once(CommandContext& context, const Task& task, std::chrono::milliseco
         throw CommandFailed(
             fmt::format("expected a reply of {} within {} ms", task.name, timeout.count()));
     }
-    context.console.line(fmt::format("reply after {:.3f} ms: {}",
-                                     Milliseconds(reply->latency).count(),
-                                     one_line(reply->packet.text)));
+    const double latency = Milliseconds(reply->latency).count();
+    context.console.report(
+        fmt::format("reply after {:.3f} ms: {}", latency, one_line(reply->packet.text)), "reply",
+        fmt::format(R"("client":{},"transac_id":{},"status":{},"latency_ms":{:.6f})",
+                    reply->packet.client, reply->transaction,
+                    reply->status ? std::to_string(*reply->status) : "null", latency));
 }
 
 /// Draws a bar on the console while a load goes on.
@@ -96,9 +97,10 @@ void call_many(CommandContext& context, const Task& task, const LoadOptions& opt
     const LoadResult result = run_load(context.manager, task, options,
                                        [&](std::size_t replies) { progress.show(replies); });
     context.console.line(result.summary());
-    if (result.latencies.size() == options.count) return;
+    show_calls(context);
+    if (result.latencies.count() == options.count) return;
     throw CommandFailed(fmt::format("expected {} replies within {} ms each, got {}", options.count,
-                                    options.timeout.count(), result.latencies.size()));
+                                    options.timeout.count(), result.latencies.count()));
 }
 
 }  // namespace

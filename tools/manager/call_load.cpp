@@ -3,14 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
 #include <map>
 
 namespace manager {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Milliseconds = std::chrono::duration<double, std::milli>;
 
 /// The tasks that wait for their replies, with their deadlines. Transactions are numbered upwards,
 /// so the first is the one that was sent first.
@@ -25,20 +23,14 @@ std::optional<Reply> next_reply(SimulatedManager& manager, const InFlight& in_fl
 
 }  // namespace
 
-std::chrono::nanoseconds LoadResult::percentile(double percent) const {
-    if (latencies.empty()) return std::chrono::nanoseconds(0);
-    const double rank = std::ceil(percent / 100 * static_cast<double>(latencies.size()));
-    return latencies[std::max<std::size_t>(static_cast<std::size_t>(rank), 1) - 1];
-}
-
 std::string LoadResult::summary() const {
     const double seconds = std::chrono::duration<double>(duration).count();
     return fmt::format(
         "{} of {} tasks answered in {:.3f} s ({:.0f}/s), {} with a status other than 0; latency "
         "p50 {:.3f} ms, p99 {:.3f} ms, max {:.3f} ms",
-        latencies.size(), sent, seconds, static_cast<double>(latencies.size()) / seconds, failed,
-        Milliseconds(percentile(50)).count(), Milliseconds(percentile(99)).count(),
-        Milliseconds(percentile(100)).count());
+        latencies.count(), sent, seconds, static_cast<double>(latencies.count()) / seconds, failed,
+        latencies.percentile(50).count(), latencies.percentile(99).count(),
+        latencies.max().count());
 }
 
 LoadResult run_load(SimulatedManager& manager, const Task& task, const LoadOptions& options,
@@ -58,13 +50,12 @@ LoadResult run_load(SimulatedManager& manager, const Task& task, const LoadOptio
             timed_out = true;
             in_flight.erase(in_flight.begin());
         } else if (in_flight.erase(reply->transaction) != 0) {
-            result.latencies.push_back(reply->latency);
+            result.latencies.add(reply->latency);
             if (reply->status != 0) ++result.failed;
-            progress(result.latencies.size());
+            progress(result.latencies.count());
         }
     }
     result.duration = Clock::now() - begin;
-    std::sort(result.latencies.begin(), result.latencies.end());
     return result;
 }
 

@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "manager/Manager.h"
+#include "manager/latencies.h"
 
 namespace manager {
 
@@ -19,15 +19,12 @@ struct LoadOptions {
 
 /// What became of the tasks of a load.
 struct LoadResult {
-    /// The latency of each reply, shortest first.
-    std::vector<std::chrono::nanoseconds> latencies;
+    /// Of the replies.
+    Latencies latencies;
     std::size_t sent = 0;
     /// Replies whose "status" was not 0.
     std::size_t failed = 0;
     std::chrono::nanoseconds duration{0};
-
-    /// The latency that `percent` of the replies did not exceed; 0 if there is no reply.
-    std::chrono::nanoseconds percentile(double percent) const;
 
     /// The figures in words, on one line.
     std::string summary() const;

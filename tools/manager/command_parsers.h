@@ -35,6 +35,11 @@ Action parse_expect(Words& words);
 Action parse_close(Words& words);
 Action parse_restart(Words& words);
 
+// The conversation as a whole.
+Action parse_record(Words& words);
+Action parse_replay(Words& words);
+Action parse_summary(Words& words);
+
 /// Sends the packet to every client; throws CommandFailed if there is none.
 void send_to_every_client(SimulatedManager& manager, const std::string& text);
 

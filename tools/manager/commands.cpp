@@ -7,6 +7,7 @@
 
 #include "manager/arguments.h"
 #include "manager/command_parsers.h"
+#include "manager/json_lines.h"
 
 namespace manager {
 namespace {
@@ -31,7 +32,7 @@ Action parse_quit(Words&) {
     return [](CommandContext& context) { context.quit = true; };
 }
 
-constexpr std::array<Command, 22> kCommands{{
+constexpr std::array<Command, 25> kCommands{{
     {"start", "SESSION OPCODE:SUBSYS[,SUBSYS]...",
      "Start a session for the subsystems of one or more opcodes. OPCODE is hexadecimal, SESSION\n"
      "and SUBSYS are decimal.",
@@ -90,6 +91,26 @@ constexpr std::array<Command, 22> kCommands{{
      "gives ids from 1 and knows no opcodes. What refuse, grant and the like set stays. Ends when\n"
      "the Manager is back.",
      parse_restart},
+    {"record", "[FILE]",
+     "Write the conversation to FILE from now on, in place of what is there, or, without FILE, no\n"
+     "longer. The lines are those of --json.",
+     parse_record},
+    {"replay", "FILE [--timeout MS] [--ignore NAME]...",
+     "Play the Manager's side of a recorded conversation. What it sent is sent in the same order,\n"
+     "each packet once those that clients had sent before have come again; the Manager gives no\n"
+     "answers of its own. Fails if a packet, a connection or its end does not come within\n"
+     "--timeout (5000 ms), if a packet came that is not in FILE, or a task is answered otherwise.\n"
+     "Packets of JSON are the same if all members are, apart from Service_Id, service_id, QueryId\n"
+     "and the NAMEs, at any depth; other packets if the texts are. Replies to different tasks and\n"
+     "other packets between two of the Manager's may come in any order. Clients that are\n"
+     "connected already stand for those that were when the recording began.",
+     parse_replay},
+    {"summary", "",
+     "Print for each function the number of calls so far, of replies, of those with a status "
+     "other\n"
+     "than 0, of calls without a reply, and the latencies, from the call sent to the reply\n"
+     "received. Also printed at the end and after call --count.",
+     parse_summary},
     {"sleep", "MS", "Wait.", parse_sleep},
     {"help", "[COMMAND]", "Explain a command, or list them.", parse_help},
     {"quit", "", "End the program.", parse_quit},
@@ -100,9 +121,13 @@ std::string usage(const Command& command) {
                                       : fmt::format("{} {}", command.name, command.arguments);
 }
 
+auto search_command(const std::string& name) {
+    return std::find_if(kCommands.begin(), kCommands.end(),
+                        [&](const Command& c) { return c.name == name; });
+}
+
 const Command& find_command(const std::string& name) {
-    const auto command = std::find_if(kCommands.begin(), kCommands.end(),
-                                      [&](const Command& c) { return c.name == name; });
+    const auto* const command = search_command(name);
     if (command != kCommands.end()) return *command;
     throw BadCommand(fmt::format("there is no command \"{}\"; help lists the commands", name));
 }
@@ -116,10 +141,23 @@ Action parse_help(Words& words) {
         for (const Command& command : kCommands) text += usage(command) + '\n';
         text += "A # begins a comment.";
     }
-    return [text](CommandContext& context) { context.console.line(text); };
+    return [text](CommandContext& context) {
+        context.console.report(text, "help", "\"text\":" + json_text(text));
+    };
 }
 
 }  // namespace
+
+std::vector<std::string> command_names() {
+    std::vector<std::string> names;
+    for (const Command& command : kCommands) names.emplace_back(command.name);
+    return names;
+}
+
+std::string command_arguments(const std::string& name) {
+    const auto* const command = search_command(name);
+    return command == kCommands.end() ? "" : command->arguments;
+}
 
 Action parse_command(std::string_view line) {
     Words words(line);

@@ -4,10 +4,12 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "manager/Manager.h"
 #include "manager/console.h"
 #include "manager/interruption.h"
+#include "manager/traffic.h"
 #include "manager/words.h"
 
 namespace manager {
@@ -17,6 +19,7 @@ struct CommandContext {
     SimulatedManager& manager;
     Console& console;
     const Interruption& interruption;
+    Traffic& traffic;
     /// Set by the command that ends the program.
     bool quit = false;
 };
@@ -33,5 +36,13 @@ using Action = std::function<void(CommandContext&)>;
 /// Reads one command. A blank line or a comment is the command that does nothing. Throws
 /// BadCommand, with the usage of the command where there is one.
 Action parse_command(std::string_view line);
+
+/// The names of all commands, and the arguments of one as its usage has them; empty if there is no
+/// such command.
+std::vector<std::string> command_names();
+std::string command_arguments(const std::string& name);
+
+/// Prints the figures of the calls so far.
+void show_calls(CommandContext& context);
 
 }  // namespace manager

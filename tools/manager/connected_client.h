@@ -20,6 +20,8 @@ struct ConnectedClient {
     /// The sessions that were started for it.
     std::set<std::int64_t> sessions = {};
     bool closing = false;
+    /// Whether it ended the connection itself.
+    bool left = false;
 };
 
 }  // namespace manager

@@ -4,10 +4,14 @@
 #include <fmt/color.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 #include <utility>
+
+#include "manager/json_lines.h"
 
 namespace manager {
 namespace {
@@ -56,9 +60,16 @@ std::string one_line(const std::string& text) {
     return result;
 }
 
-Console::Console(bool show_packets)
+bool shows_on_terminal() {
+    const char* const terminal = std::getenv("TERM");
+    const std::string_view name = terminal == nullptr ? "" : terminal;
+    return isatty(STDOUT_FILENO) != 0 && !name.empty() && name != "dumb";
+}
+
+Console::Console(bool show_packets, Format format)
     : show_packets_(show_packets),
-      is_terminal_(isatty(STDOUT_FILENO) != 0),
+      format_(format),
+      is_terminal_(shows_on_terminal() && format == Format::Text),
       colour_output_(wants_colour(STDOUT_FILENO)),
       colour_errors_(wants_colour(STDERR_FILENO)) {}
 
@@ -66,17 +77,36 @@ void Console::packet(const Packet& packet) {
     if (!show_packets_) return;
     const std::lock_guard lock(mutex_);
     if (!status_.empty()) return;
-    print(stdout, fmt::format("{} client {} {} {}", time_text(packet.wall_time), packet.client,
-                              arrow(packet.direction, colour_output_), one_line(packet.text)));
+    print(stdout,
+          format_ == Format::Json
+              ? json_line(packet)
+              : fmt::format("{} client {} {} {}", time_text(packet.wall_time), packet.client,
+                            arrow(packet.direction, colour_output_), one_line(packet.text)));
 }
 
-void Console::connection(int client, bool connected) {
+void Console::connection(const ConnectionChange& change) {
     if (!show_packets_) return;
-    line(fmt::format("{} client {} {}", time_text(system_clock::now()), client,
-                     connected ? "connected" : "disconnected"));
+    const std::lock_guard lock(mutex_);
+    print(stdout,
+          format_ == Format::Json
+              ? json_line(change)
+              : fmt::format("{} client {} {}", time_text(change.wall_time), change.client,
+                            change.change == Change::Connected ? "connected" : "disconnected"));
+}
+
+void Console::report(const std::string& text, const std::string& name, const std::string& members) {
+    line(text);
+    event(name, members);
+}
+
+void Console::event(const std::string& name, const std::string& members) {
+    if (format_ != Format::Json) return;
+    const std::lock_guard lock(mutex_);
+    print(stdout, json_line(name, members));
 }
 
 void Console::line(const std::string& text) {
+    if (format_ != Format::Text) return;
     const std::lock_guard lock(mutex_);
     print(stdout, text);
 }
@@ -90,22 +120,23 @@ void Console::set_status(std::string text) {
     const std::lock_guard lock(mutex_);
     if (!is_terminal_) return;
     status_ = std::move(text);
-    std::fputs((kClearLine + status_).c_str(), stdout);
-    std::fflush(stdout);
+    put(stdout, kClearLine + status_);
 }
 
 void Console::print(std::FILE* stream, const std::string& text) {
     const bool has_footer = redraw_ || !status_.empty();
-    if (has_footer) {
-        std::fputs(kClearLine, stdout);
-        std::fflush(stdout);
-    }
-    std::fputs((text + '\n').c_str(), stream);
-    std::fflush(stream);
+    if (has_footer) put(stdout, kClearLine);
+    put(stream, text + '\n');
     if (redraw_) redraw_();
-    if (status_.empty()) return;
-    std::fputs(status_.c_str(), stdout);
-    std::fflush(stdout);
+    if (!status_.empty()) put(stdout, status_);
+}
+
+void Console::put(std::FILE* stream, const std::string& text) {
+    if (broken_) return;
+    const bool written = std::fputs(text.c_str(), stream) >= 0 && std::fflush(stream) == 0;
+    if (written || errno != EPIPE) return;
+    broken_ = true;
+    if (broken_output_) broken_output_();
 }
 
 }  // namespace manager

@@ -15,7 +15,10 @@ namespace {
 sigset_t block_ending_signals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
+    for (const int number : {SIGINT, SIGTERM, SIGPIPE}) sigaddset(&signals, number);
+    struct sigaction hangup {};
+    sigaction(SIGHUP, nullptr, &hangup);
+    if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
 }
@@ -44,14 +47,19 @@ void Interruption::watch(const std::function<void()>& on_interrupt) {
     on_interrupt();
 }
 
+void Interruption::interrupt(int signal) {
+    // Blocked, and so read by watch(): a signal for the whole program, unlike that of a write.
+    kill(getpid(), signal);
+}
+
 int Interruption::signal() const {
     return signal_;
 }
 
-bool Interruption::wait_readable(int fd) const {
+bool Interruption::wait_readable(int fd, std::optional<std::chrono::milliseconds> timeout) const {
     std::array<pollfd, 2> events{{{came_.get(), POLLIN, 0}, {fd, POLLIN, 0}}};
-    poll(events.data(), events.size(), -1);
-    return events[0].revents == 0;
+    poll(events.data(), events.size(), timeout ? static_cast<int>(timeout->count()) : -1);
+    return events[0].revents == 0 && events[1].revents != 0;
 }
 
 void Interruption::sleep(std::chrono::milliseconds duration) const {

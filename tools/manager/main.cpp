@@ -3,13 +3,16 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <iostream>
+#include <optional>
 
 #include "manager/Manager.h"
 #include "manager/console.h"
 #include "manager/interruption.h"
 #include "manager/prompt.h"
+#include "manager/replay.h"
 #include "manager/script.h"
 
 namespace {
@@ -23,19 +26,33 @@ constexpr char kDescription[] =
     "it, and the text.";
 
 constexpr char kFooter[] =
-    "A script stops at the first command that fails or expectation that is not met.\n"
+    "A script stops at the first command that fails or expectation that is not met. Figures of\n"
+    "the function calls are printed at the end.\n"
+    "\n"
+    "Examples:\n"
+    "  vexon-manager                              a prompt; Tab completes words\n"
+    "  vexon-manager --script test.vexon          a test of a service, as in a CI\n"
+    "  echo 'expect REDY 10000' | vexon-manager --json | jq -c .message\n"
+    "                                             what a service says when it introduces itself\n"
+    "  vexon-manager --script test.vexon --record test.jsonl, later\n"
+    "  vexon-manager --replay test.jsonl          does the service still answer the same?\n"
     "\n"
     "Exit status:\n"
     "  0      the commands ended, or a signal came while none was carried out\n"
-    "  1      a command of the script failed or an expectation was not met\n"
+    "  1      a command of the script failed, an expectation was not met, the service did not\n"
+    "         answer as recorded, or the recording could not be written\n"
     "  2      the command line, or a command of the script, is wrong\n"
     "  3      the Manager cannot run, as when it cannot listen at its path\n"
-    "  128+N  signal N (SIGINT, SIGTERM, SIGHUP) interrupted a command of the script";
+    "  128+N  signal N (SIGINT, SIGTERM, SIGHUP) interrupted a command of the script\n"
+    "  141    nobody reads the output any more";
 
 struct Options {
     std::string path = kDefaultPath;
     std::string script;
+    std::string record;
+    std::string replay;
     bool quiet = false;
+    Format format = Format::Text;
 };
 
 int fail(int status, const std::string& message) {
@@ -43,32 +60,61 @@ int fail(int status, const std::string& message) {
     return status;
 }
 
-int run_commands(const Options& options, CommandContext& context) {
-    if (options.script.empty() && isatty(STDIN_FILENO) != 0) {
+int run_standard_input(CommandContext& context) {
+    if (isatty(STDIN_FILENO) != 0 && context.console.format() == Format::Text &&
+        shows_on_terminal()) {
         Prompt prompt(context.console, context.interruption);
         run_prompt(prompt, context);
         return kSucceeded;
     }
-    const bool is_file = !options.script.empty();
-    FileDescriptor input(is_file ? open(options.script.c_str(), O_RDONLY | O_CLOEXEC)
-                                 : dup(STDIN_FILENO));
-    if (!input.valid()) {
+    FileLines lines(FileDescriptor(dup(STDIN_FILENO)), context.interruption);
+    if (isatty(STDIN_FILENO) == 0) return run_script(lines, "<stdin>", context);
+    run_prompt(lines, context);
+    return kSucceeded;
+}
+
+int run_commands(const Options& options, CommandContext& context) {
+    if (options.script.empty()) return run_standard_input(context);
+    FileDescriptor file(open(options.script.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) {
         return fail(kBadUsage, "cannot read " + options.script + ": " + std::strerror(errno));
     }
-    FileLines lines(std::move(input), context.interruption);
-    return run_script(lines, is_file ? options.script : "<stdin>", context);
+    FileLines lines(std::move(file), context.interruption);
+    return run_script(lines, options.script, context);
+}
+
+int end(int status, CommandContext& context) {
+    // The ends of the connections belong to the recording.
+    context.manager.stop();
+    if (context.traffic.calls.has_news()) show_calls(context);
+    if (context.interruption.signal() == SIGPIPE) return kInterrupted + SIGPIPE;
+    try {
+        context.traffic.recorder.stop();
+    } catch (const ManagerError& error) {
+        context.console.error(error.what());
+        return status == kSucceeded ? kCommandFailed : status;
+    }
+    return status;
 }
 
 int run(const Options& options) {
-    Console console(!options.quiet);
+    Console console(!options.quiet, options.format);
+    console.set_broken_output([] { Interruption::interrupt(SIGPIPE); });
+    Traffic traffic;
     SimulatedManager simulated(options.path);
     Interruption interruption([&] { simulated.stop(); });
-    simulated.set_observer(
-        [&](const Packet& packet) { console.packet(packet); },
-        [&](int client, bool connected) { console.connection(client, connected); });
+    traffic.follow(simulated, console);
+    CommandContext context{simulated, console, interruption, traffic};
+    std::optional<Replay> replay;
+    // Before the Manager listens: no service may be answered otherwise than recorded.
+    if (!options.replay.empty()) replay.emplace(options.replay, ReplayOptions(), context);
+    if (!options.record.empty()) traffic.recorder.start(options.record);
     simulated.start();
-    CommandContext context{simulated, console, interruption};
-    return run_commands(options, context);
+    const int status =
+        replay ? run_step(
+                     "--replay " + options.replay, [&](CommandContext&) { replay->run(); }, context)
+               : run_commands(options, context);
+    return end(status, context);
 }
 
 }  // namespace
@@ -77,6 +123,7 @@ int main(int argc, char** argv) try {
     Options options;
     CLI::App app(kDescription, "vexon-manager");
     app.footer(kFooter);
+    app.set_version_flag("--version", "vexon-manager " VEXON_VERSION);
     auto* path = app.add_option("--path", options.path, "Listen at this path")
                      ->type_name("PATH")
                      ->capture_default_str();
@@ -84,10 +131,21 @@ int main(int argc, char** argv) try {
            "--dedicated", [&] { options.path = kDedicatedPath; },
            std::string("Listen at the dedicated path, ") + kDedicatedPath)
         ->excludes(path);
-    app.add_option("--script", options.script, "Take the commands from this file")
+    auto* script = app.add_option("--script", options.script, "Take the commands from this file")
+                       ->type_name("FILE")
+                       ->check(CLI::ExistingFile);
+    app.add_option("--record", options.record, "Write the conversation to this file")
+        ->type_name("FILE");
+    app.add_option("--replay", options.replay,
+                   "Play the Manager's side of the conversation that was recorded in this file, "
+                   "and end")
         ->type_name("FILE")
-        ->check(CLI::ExistingFile);
+        ->check(CLI::ExistingFile)
+        ->excludes(script);
     app.add_flag("--quiet", options.quiet, "Do not print packets");
+    app.add_flag_callback(
+        "--json", [&] { options.format = Format::Json; },
+        "Print a JSON object on a line of its own for each packet, connection and result");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

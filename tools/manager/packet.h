@@ -18,4 +18,14 @@ struct Packet {
     std::string text;
 };
 
+/// A client connected, ended its connection, or had it ended by the Manager.
+enum class Change { Connected, Left, Closed };
+
+struct ConnectionChange {
+    std::chrono::steady_clock::time_point time;
+    std::chrono::system_clock::time_point wall_time;
+    int client;
+    Change change;
+};
+
 }  // namespace manager

@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <clocale>
 #include <cwchar>
+
+#include "manager/completion.h"
 
 namespace manager {
 namespace {
@@ -13,6 +16,12 @@ constexpr int kHistorySize = 1000;
 char* prompt_text(EditLine*) {
     static char text[] = "manager> ";
     return text;
+}
+
+/// Of two words at the ends of a sorted list, and so of all the words between them.
+std::string common_beginning(const std::string& first, const std::string& last) {
+    const auto end = std::mismatch(first.begin(), first.end(), last.begin(), last.end()).first;
+    return {first.begin(), end};
 }
 
 }  // namespace
@@ -32,6 +41,8 @@ Prompt::Prompt(Console& console, const Interruption& interruption)
     el_set(editor_.get(), EL_EDITOR, "emacs");
     el_set(editor_.get(), EL_HIST, history, history_.get());
     el_set(editor_.get(), EL_GETCFN, static_cast<int (*)(EditLine*, wchar_t*)>(read_character));
+    el_set(editor_.get(), EL_ADDFN, "complete", "Complete the word", complete);
+    el_set(editor_.get(), EL_BIND, "^I", "complete", nullptr);
     el_source(editor_.get(), nullptr);
 }
 
@@ -57,6 +68,21 @@ void Prompt::remember(const char* line) {
     const bool is_blank = line[0] == '\n';
     HistEvent event;
     if (!is_blank) history(history_.get(), &event, H_ENTER, line);
+}
+
+unsigned char Prompt::complete(EditLine* editor, int) {
+    const LineInfo* const line = el_line(editor);
+    const std::string text(line->buffer, line->cursor);
+    const std::vector<std::string> words = completions(text);
+    if (words.empty()) return CC_ERROR;
+    const std::size_t begun = text.size() - (text.find_last_of(" \t") + 1);
+    std::string more = common_beginning(words.front(), words.back()).substr(begun);
+    if (words.size() == 1 && words.front().back() != '/') more += ' ';
+    if (!more.empty()) return el_insertstr(editor, more.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+    std::string list = "\n";
+    for (const std::string& word : words) list += word + "  ";
+    std::fputs((list + '\n').c_str(), stdout);
+    return CC_REDISPLAY;
 }
 
 int Prompt::read_character(EditLine* editor, wchar_t* character) {

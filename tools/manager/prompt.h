@@ -22,6 +22,7 @@ class Prompt : public LineSource {
     static int read_character(EditLine* editor, wchar_t* character);
     int read_character(wchar_t& character);
     void remember(const char* line);
+    static unsigned char complete(EditLine* editor, int key);
 
     Console& console_;
     const Interruption& interruption_;

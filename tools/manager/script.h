@@ -21,6 +21,9 @@ enum ExitStatus : int {
 /// fails or the program is interrupted. Returns the exit status.
 int run_script(LineSource& lines, const std::string& name, CommandContext& context);
 
+/// Carries out a step that no command line asks for, named `name`, as the only line of a script.
+int run_step(const std::string& name, const Action& step, CommandContext& context);
+
 /// Carries out the commands of a user, who is told what fails and goes on.
 void run_prompt(LineSource& lines, CommandContext& context);
 

@@ -52,7 +52,7 @@ bool SimulatedManager::handle_events(const std::vector<pollfd>& events) {
     for (ConnectedClient& client : clients_) {
         const int happened = (event++)->revents;
         if (happened & POLLOUT) flush(client);
-        if (happened & ~POLLOUT) receive_from(client);
+        if (happened & ~POLLOUT) client.left = !receive_from(client);
     }
     send_due_answers();
     remove_closing_clients();
@@ -71,7 +71,7 @@ void SimulatedManager::accept_clients() {
         if (!connection.valid()) return;
         const std::size_t limit = max_packet_size(connection.get());
         clients_.push_back({++last_client_, std::move(connection), limit});
-        if (on_connection_) on_connection_(last_client_, true);
+        notify(last_client_, Change::Connected);
     }
 }
 
@@ -95,9 +95,10 @@ void SimulatedManager::remove_closing_clients() {
         end_connection(client->connection.get());
         while (receive_from(*client)) continue;
         const int number = client->number;
+        const Change change = client->left ? Change::Left : Change::Closed;
         routes_.remove_client(number);
         client = clients_.erase(client);
-        if (on_connection_) on_connection_(number, false);
+        notify(number, change);
     }
 }
 
@@ -158,6 +159,11 @@ const Packet& SimulatedManager::record(const ConnectedClient& client, Direction 
         {Clock::now(), std::chrono::system_clock::now(), client.number, direction, text});
     if (on_packet_) on_packet_(packet);
     return packet;
+}
+
+void SimulatedManager::notify(int client, Change change) {
+    if (!on_connection_) return;
+    on_connection_({Clock::now(), std::chrono::system_clock::now(), client, change});
 }
 
 void SimulatedManager::handle(ConnectedClient& client, const Packet& packet) {
