@@ -46,8 +46,11 @@ std::string aligned(const std::vector<Line>& lines) {
     return fmt::format("{}", fmt::join(texts, "\n"));
 }
 
-std::string milliseconds(Milliseconds duration) {
-    return fmt::format("{:.3f}", duration.count());
+/// `none` if there are no latencies.
+std::array<std::string, 3> milliseconds(const Latencies& latencies, const std::string& none) {
+    if (latencies.count() == 0) return {none, none, none};
+    const auto text = [](Milliseconds duration) { return fmt::format("{:.3f}", duration.count()); };
+    return {text(latencies.percentile(50)), text(latencies.percentile(99)), text(latencies.max())};
 }
 
 }  // namespace
@@ -112,11 +115,11 @@ std::string CallStatistics::table() {
     std::vector<Line> lines{kHeading};
     for (const auto& [function, row] : rows_) {
         const Latencies& latencies = row.latencies;
+        const auto [p50, p99, max] = milliseconds(latencies, "-");
         lines.push_back({one_line(function.first), one_line(function.second),
                          std::to_string(row.calls), std::to_string(latencies.count()),
                          std::to_string(row.failed), std::to_string(row.calls - latencies.count()),
-                         milliseconds(latencies.percentile(50)),
-                         milliseconds(latencies.percentile(99)), milliseconds(latencies.max())});
+                         p50, p99, max});
     }
     return aligned(lines);
 }
@@ -127,12 +130,12 @@ std::string CallStatistics::json() {
     std::vector<std::string> objects;
     for (const auto& [function, row] : rows_) {
         const Latencies& latencies = row.latencies;
+        const auto [p50, p99, max] = milliseconds(latencies, "null");
         objects.push_back(fmt::format(
             R"({{"function":{},"opcode":{},"calls":{},"answered":{},"failed":{},"outstanding":{},)"
             R"("p50_ms":{},"p99_ms":{},"max_ms":{}}})",
             json_text(function.first), json_text(function.second), row.calls, latencies.count(),
-            row.failed, row.calls - latencies.count(), milliseconds(latencies.percentile(50)),
-            milliseconds(latencies.percentile(99)), milliseconds(latencies.max())));
+            row.failed, row.calls - latencies.count(), p50, p99, max));
     }
     return fmt::format("[{}]", fmt::join(objects, ","));
 }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include "manager/error.h"
 
@@ -60,20 +61,27 @@ bool is_alive(const sockaddr_un& address) {
     return with_address(connect, probe.get(), address) == 0 || errno != ECONNREFUSED;
 }
 
-/// The process that began to listen at the address, in words. To it this is a client that leaves
-/// at once: only a connection tells who is at its other end.
-std::string holder(const sockaddr_un& address) {
-    const FileDescriptor probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+/// The process that began to listen at the address, if it does so for sockets of this type. To it
+/// this is a client that leaves at once: only a connection tells who is at its other end.
+std::optional<pid_t> listener_at(const sockaddr_un& address, int type) {
+    const FileDescriptor probe(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     ucred peer{};
     socklen_t size = sizeof(peer);
     const bool known = with_address(connect, probe.get(), address) == 0 &&
                        getsockopt(probe.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
     // A process of another pid namespace has the number 0.
-    if (!known || peer.pid == 0) return "another process";
+    return known && peer.pid != 0 ? std::optional(peer.pid) : std::nullopt;
+}
+
+/// The process that listens at the address, in words.
+std::string holder(const sockaddr_un& address) {
+    auto pid = listener_at(address, SOCK_SEQPACKET);
+    if (!pid) pid = listener_at(address, SOCK_STREAM);
+    if (!pid) return "another process";
     std::string name;
-    std::getline(std::ifstream("/proc/" + std::to_string(peer.pid) + "/comm"), name);
-    const std::string pid = "process " + std::to_string(peer.pid);
-    return name.empty() ? pid : pid + " (" + name + ")";
+    std::ifstream comm("/proc/" + std::to_string(*pid) + "/comm");
+    std::getline(comm, name);
+    return "process " + std::to_string(*pid) + (name.empty() ? "" : " (" + name + ")");
 }
 
 void remove_stale_socket(const std::string& path, const sockaddr_un& address) {

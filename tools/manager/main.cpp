@@ -51,6 +51,7 @@ struct Options {
     std::string script;
     std::string record;
     std::string replay;
+    std::vector<std::string> ignored;
     bool quiet = false;
     Format format = Format::Text;
 };
@@ -97,6 +98,12 @@ int end(int status, CommandContext& context) {
     return status;
 }
 
+ReplayOptions replay_options(const Options& options) {
+    ReplayOptions result;
+    result.ignored.insert(options.ignored.begin(), options.ignored.end());
+    return result;
+}
+
 int run(const Options& options) {
     Console console(!options.quiet, options.format);
     console.set_broken_output([] { Interruption::interrupt(SIGPIPE); });
@@ -107,7 +114,7 @@ int run(const Options& options) {
     CommandContext context{simulated, console, interruption, traffic};
     std::optional<Replay> replay;
     // Before the Manager listens: no service may be answered otherwise than recorded.
-    if (!options.replay.empty()) replay.emplace(options.replay, ReplayOptions(), context);
+    if (!options.replay.empty()) replay.emplace(options.replay, replay_options(options), context);
     if (!options.record.empty()) traffic.recorder.start(options.record);
     simulated.start();
     const int status =
@@ -136,12 +143,18 @@ int main(int argc, char** argv) try {
                        ->check(CLI::ExistingFile);
     app.add_option("--record", options.record, "Write the conversation to this file")
         ->type_name("FILE");
-    app.add_option("--replay", options.replay,
-                   "Play the Manager's side of the conversation that was recorded in this file, "
-                   "and end")
-        ->type_name("FILE")
-        ->check(CLI::ExistingFile)
-        ->excludes(script);
+    auto* replay =
+        app.add_option(
+               "--replay", options.replay,
+               "Play the Manager's side of the conversation that was recorded in this file, "
+               "and end")
+            ->type_name("FILE")
+            ->check(CLI::ExistingFile)
+            ->excludes(script);
+    app.add_option("--ignore", options.ignored,
+                   "Members that --replay does not compare, as help replay explains")
+        ->type_name("NAME")
+        ->needs(replay);
     app.add_flag("--quiet", options.quiet, "Do not print packets");
     app.add_flag_callback(
         "--json", [&] { options.format = Format::Json; },

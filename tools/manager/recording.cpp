@@ -97,6 +97,10 @@ void leave_out_silent_clients(std::vector<RecordedEvent>& events) {
                  events.end());
 }
 
+void leave_out_last_closes(std::vector<RecordedEvent>& events) {
+    while (!events.empty() && events.back().kind == Kind::Closed) events.pop_back();
+}
+
 }  // namespace
 
 std::vector<RecordedEvent> read_recording(const std::string& file) {
@@ -112,6 +116,7 @@ std::vector<RecordedEvent> read_recording(const std::string& file) {
         }
     }
     leave_out_silent_clients(events);
+    leave_out_last_closes(events);
     if (events.empty()) throw ManagerError(file + " is no recording: it holds no packet");
     return events;
 }

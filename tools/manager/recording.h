@@ -20,7 +20,8 @@ struct RecordedEvent {
 };
 
 /// Reads a file that the recorder wrote, or what the program printed as JSON: lines of events that
-/// are no part of the conversation are passed over. Clients that exchanged no packet are left out.
+/// are no part of the conversation are passed over. Left out are clients that exchanged no packet,
+/// and that the Manager closed connections at last, which it does whenever it ends.
 /// Throws ManagerError if the file cannot be read, a line is wrong or there is no packet in it.
 std::vector<RecordedEvent> read_recording(const std::string& file);
 

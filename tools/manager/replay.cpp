@@ -159,8 +159,12 @@ void Replay::await(const RecordedEvent& event, Done done, Complaint complaint) {
         if (!next) {
             fail(event, fmt::format("within {} ms {}", options_.timeout.count(), complaint()));
         }
-        std::visit([this](const auto& happened) { note(happened); }, *next);
+        note(*next);
     }
+}
+
+void Replay::note(const EventQueue::Event& event) {
+    std::visit([this](const auto& happened) { note(happened); }, event);
 }
 
 void Replay::note(const Packet& packet) {
@@ -201,7 +205,10 @@ Replay::Client& Replay::client_of(const RecordedEvent& event) {
     return clients_.at(numbers_.at(event.client));
 }
 
-void Replay::require_nothing_left() const {
+void Replay::require_nothing_left() {
+    const auto now = std::chrono::steady_clock::now();
+    while (const auto event = context_.traffic.events.next(context_.interruption, now))
+        note(*event);
     for (const auto& [recorded, number] : numbers_) {
         const auto& packets = clients_.at(number).packets;
         if (packets.empty()) continue;

@@ -63,12 +63,13 @@ class Replay {
     /// Waits until `done()`, or throws CommandFailed with what `complaint()` returns.
     template <typename Done, typename Complaint>
     void await(const RecordedEvent& event, Done done, Complaint complaint);
+    void note(const EventQueue::Event& event);
     void note(const Packet& packet);
     void note(const ConnectionChange& change);
     Client& client_of(const RecordedEvent& event);
     void forget_newcomer(int number);
     Client* find(int number);
-    void require_nothing_left() const;
+    void require_nothing_left();
     [[noreturn]] void fail(const RecordedEvent& event, const std::string& reason) const;
 
     const std::string file_;

@@ -68,7 +68,7 @@ int run_script(LineSource& lines, const std::string& name, CommandContext& conte
 
 int run_step(const std::string& name, const Action& step, CommandContext& context) {
     const Outcome outcome = run(name, step, context);
-    if (outcome.status != kSucceeded) context.console.error(name + ": " + outcome.message);
+    if (outcome.status != kSucceeded) context.console.error(outcome.message);
     return outcome.status;
 }
 

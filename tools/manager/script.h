@@ -21,7 +21,7 @@ enum ExitStatus : int {
 /// fails or the program is interrupted. Returns the exit status.
 int run_script(LineSource& lines, const std::string& name, CommandContext& context);
 
-/// Carries out a step that no command line asks for, named `name`, as the only line of a script.
+/// Carries out a step that no command asks for, named `name`. Returns the exit status.
 int run_step(const std::string& name, const Action& step, CommandContext& context);
 
 /// Carries out the commands of a user, who is told what fails and goes on.
