@@ -6,10 +6,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <future>
 #include <sstream>
 
 #include "manager/commands.h"
+#include "manager/completion.h"
+#include "manager/json_lines.h"
+#include "manager/replay.h"
 
 namespace {
 
@@ -17,6 +21,8 @@ using namespace manager;
 using namespace std::chrono_literals;
 
 constexpr std::size_t kLarge = 524'288;
+// Each test has a /dev of its own.
+constexpr char kFile[] = "/dev/socket/recording";
 
 /// The service's end of a connection.
 class Client {
@@ -49,6 +55,19 @@ class Client {
   private:
     FileDescriptor socket_{socket(AF_UNIX, SOCK_SEQPACKET, 0)};
 };
+
+/// Returns what the action complains of, or that it does not.
+template <typename Action>
+std::string complaint(const Action& action) try {
+    action();
+    return "no complaint";
+} catch (const std::runtime_error& error) {
+    return error.what();
+}
+
+void expect_part(const std::string& text, const std::string& part) {
+    EXPECT_NE(text.find(part), std::string::npos) << part << " is not in " << text;
+}
 
 class Simulated : public testing::Test {
   protected:
@@ -224,7 +243,9 @@ B< {"req_type":"exec_task","transac_id":2,"status": 0})");
 }
 
 TEST_F(Simulated, StopsAndStartsAgain) {
-    EXPECT_THROW(SimulatedManager().start(), ManagerError) << "a live socket is not replaced";
+    const auto start_another = [] { SimulatedManager().start(); };
+    const std::string holder = "process " + std::to_string(getpid()) + " (vexon_manager_t";
+    expect_part(complaint(start_another), holder);
     auto waiting = std::async(std::launch::async, [&] { return simulated.expect("x", 60s); });
     for (std::size_t round = 1; round <= 50; ++round) {
         play("A< 1\nA< 2\nA< 3\nB< 4\nC< 5");
@@ -237,6 +258,13 @@ TEST_F(Simulated, StopsAndStartsAgain) {
         play("restart\nA! \nB! \nC! ");
     }
     EXPECT_EQ(waiting.wait_for(5s), std::future_status::ready);
+    unlink(kDefaultPath);
+    std::ofstream{kDefaultPath};
+    expect_part(complaint(start_another), "not a socket");
+    simulated.stop();
+    EXPECT_EQ(unlink(kDefaultPath), 0) << "a file that is not its own was removed";
+    simulated.start();
+    clients.clear();
     play(R"(A? INIT "any":0 => "service_id":1)");
 }
 
@@ -260,25 +288,117 @@ TEST_F(Simulated, SaysWhatIsWrong) {
              {"expect 'a", "TEXT has no closing '"},
              {"expect \"a\":\"b\"", "a blank must follow the closing \""},
              {"expect /(/", "/(/ is no regular expression"},
+             {"replay /dev/null", "/dev/null is no recording"},
+             {"replay /nowhere", "cannot read /nowhere"},
+             {"record /nowhere/file", "cannot write /nowhere/file"},
              {"close now", "\"now\" is too much"},
          }) {
-        try {
-            play(line);
-            ADD_FAILURE() << line << " was accepted";
-        } catch (const std::runtime_error& error) {
-            EXPECT_NE(std::string(error.what()).find(message), std::string::npos) << error.what();
-        }
+        expect_part(complaint([&, text = line] { play(text); }), message);
     }
+}
+
+TEST_F(Simulated, ReplaysARecordingAndNoticesDifferences) {
+    play("record " + std::string(kFile) + R"(
+A? INIT "any":0 => "service_id":1
+A? PERMISSION "QueryId":7,"Permissions":["X"] => "QueryId":7,"status":0,"PermRes":["0"]
+send @1 {"req_type":"exec_task","transac_id":5}
+send @1 both
+A< {"req_type":"exec_task","transac_id":5,"func":{"out":[1]}}
+A< {"req_type":"exec_task","transac_id":6,"func":{}}
+A! )");
+    ASSERT_TRUE(simulated.wait_for_disconnect(1, 5s));
+    play("record\ngrant X\nrefuse init");
+    const std::string start = R"(A? INIT "any":0 => "service_id":1
+A? PERMISSION "Permissions":["X"],"QueryId":9 => "QueryId":9,"status":0,"PermRes":["0"]
+A> {"req_type":"exec_task","transac_id":5}
+A> both
+)";
+    const std::string five = R"(A< {"req_type":"exec_task","transac_id":5,"func":{"out":[1]}})";
+    const std::string six = R"(A< {"transac_id":6, "req_type":"exec_task","func":{}})";
+    for (const auto& [lines, result] : std::vector<std::pair<std::string, std::string>>{
+             {start + six + '\n' + five + "\nA! ", "no complaint"},
+             {start + R"(A< {"req_type":"exec_task","transac_id":5,"func":{"out":[2]}})",
+              ":8: client 1: the client answered differently, in func.out[0]"},
+             {start + five, ":9: client 1: within 800 ms the client did not send\n"},
+             {start + five + '\n' + six, "did not end its connection"},
+             {start + "A! ", "but it left"},
+             {start + six + "\nA< other\n" + five + "\nA! ", "not recorded:\n    other"},
+             {R"(A< {"req_type":"INIT","any":1})", "but with another any"},
+             {"", "no client connected"}}) {
+        clients.clear();
+        Replay replay(kFile, {800ms}, context);
+        auto ending = std::async(std::launch::async, [&] { replay.run(); });
+        play(lines);
+        expect_part(complaint([&] { ending.get(); }), result);
+    }
+    play(R"(B? INIT "any":0 => "service_id":-1)");
+}
+
+TEST(JsonLines, AreValidAndKeepPacketsToTheByte) {
+    for (const auto& [packet, members] : std::vector<std::pair<std::string, std::string>>{
+             {R"({"b":[1.50,-2e+9 ,true],"a":"\\\"\u00e9"})",
+              R"("message":{"b":[1.50,-2e+9 ,true],"a":"\\\"\u00e9"})"},
+             {"EXIT", R"("text":"EXIT")"},
+             {"[007]", R"("text":"[007]")"},
+             {"[1.]", R"("text":"[1.]")"},
+             {"[1,]", R"("text":"[1,]")"},
+             {"[NaN]", R"("text":"[NaN]")"},
+             {R"({"a":1,"a":2})", R"("text":"{\"a\":1,\"a\":2}")"},
+             {"[\"\t\"]", R"("text":"[\"\t\"]")"},
+             {"\xef\xbb\xbf[]", "\"text\":\"\xef\xbb\xbf[]\""},
+             {std::string("[\"\0\xc3\xa9\"]\n", 8), "\"text\":\"[\\\"\\u0000\xc3\xa9\\\"]\\n\""},
+             {"[\"\xff\xed\xa0\x80\"]", R"("text":"[\")"
+                                        "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"
+                                        R"(\"]","hex":"5b22ffeda080225d")"},
+         }) {
+        const std::string line = json_line(Packet{{}, {}, 3, Direction::ToClient, packet});
+        EXPECT_EQ(line, R"({"time":"1970-01-01T00:00:00.000000Z","monotonic":0.000000000,)"
+                        R"("event":"packet","client":3,"direction":"to_client",)" +
+                            members + '}');
+        std::ofstream(kFile) << line << '\n';
+        EXPECT_EQ(read_recording(kFile).at(0).text, packet);
+    }
+    const std::string nested = std::string(200, '[') + std::string(200, ']');
+    EXPECT_NE(json_line(Packet{{}, {}, 1, {}, nested}).find("\"text\":"), std::string::npos);
+    EXPECT_NE(json_line(Packet{{}, {}, 1, {}, "[1,\n2]"}).find("[1, 2]"), std::string::npos);
+}
+
+TEST(Completion, OffersWhatMayFollow) {
+    for (const auto& [line, words] : std::vector<std::pair<std::string, std::string>>{
+             {"re", "ready record refuse replay restart "},
+             {"refuse ", "auth info init permission ready "},
+             {"permission-change \"X\" g", "granted "},
+             {"call --c", "--count "},
+             {"replay --timeout 5 /proc/self/fdi", "/proc/self/fdinfo/ "},
+             {"start ", ""},
+             {"bogus x", ""}}) {
+        std::string offered;
+        for (const std::string& word : completions(line)) offered += word + ' ';
+        EXPECT_EQ(offered, words) << line;
+    }
+}
+
+TEST(Latencies, AreExactTo2PercentInLittleMemory) {
+    Latencies latencies;
+    for (int i = 1; i <= 100'000; ++i) latencies.add(std::chrono::microseconds(i));
+    EXPECT_NEAR(latencies.percentile(50).count(), 50, 1);
+    EXPECT_NEAR(latencies.percentile(99).count(), 99, 2);
+    EXPECT_EQ(latencies.percentile(100), 100ms);
+}
+
+/// Returns what the shell command prints; $M is the program.
+std::string run_shell(const std::string& command) {
+    std::FILE* const shell =
+        popen(("exec 2>&1; M=" VEXON_MANAGER_PROGRAM "\n" + command).c_str(), "r");
+    std::string output;
+    for (int c = fgetc(shell); c != EOF; c = fgetc(shell)) output += static_cast<char>(c);
+    pclose(shell);
+    return output;
 }
 
 /// Returns what the program prints, and its exit status as the last line.
 std::string run_program(const std::string& script) {
-    const std::string command = VEXON_MANAGER_PROGRAM " --script /dev/stdin 2>&1 <<'END'\n";
-    std::FILE* const program = popen((command + script + "\nEND\necho $?").c_str(), "r");
-    std::string output;
-    for (int c = fgetc(program); c != EOF; c = fgetc(program)) output += static_cast<char>(c);
-    pclose(program);
-    return output;
+    return run_shell("$M --script /dev/stdin <<'END'\n" + script + "\nEND\necho $?");
 }
 
 TEST_F(Simulated, HasAProgramThatCarriesOutAScript) {
@@ -298,20 +418,43 @@ A> {"req_type":"exec_task","opcode":"0x1a","subsys_id":1,"session_id":5,"transac
 A< {"req_type":"exec_task","transac_id":1,"status": 0}
 A> {"req_type":"exec_task","opcode":"0x1a","subsys_id":2,"session_id":5,"transac_id":2,"func":{"name":"add","num_of_args":0,"args":[]}}
 A> {"req_type":"exec_task","opcode":"0x1a","subsys_id":2,"session_id":5,"transac_id":3,"func":{"name":"add","num_of_args":0,"args":[]}}
-A< {"req_type":"exec_task","transac_id":3,"status": 0}
+A< {"req_type":"exec_task","transac_id":3,"status": -1}
 A< {"req_type":"exec_task","transac_id":2,"status": 0}
 A> closed
 B? INIT "any":0 => "service_id":1
 B< again)");
     const std::string output = program.get();
-    for (const char* part : {"2 of 2 tasks answered", " client 2 <- again\n", "\n0\n"})
+    for (const char* part :
+         {"2 of 2 tasks answered", "\nadd       0x1a        3         3       1            0 ",
+          " client 2 <- again\n", "\n0\n"})
         EXPECT_NE(output.find(part), std::string::npos) << output;
 }
 
 TEST(Program, StopsAtTheFirstFailure) {
-    EXPECT_NE(run_program("\nexpect a 20\nquit").find("stdin:2: expect a 20\n"), std::string::npos);
-    EXPECT_NE(run_program("send x\nquit").find("no client is connected\n1\n"), std::string::npos);
-    EXPECT_NE(run_program("\nstrat 5").find("help lists the commands\n2\n"), std::string::npos);
+    expect_part(run_program("\nexpect a 20\nquit"), "stdin:2: expect a 20\n");
+    expect_part(run_program("send x\nquit"), "no client is connected\n1\n");
+    expect_part(run_program("\nstrat 5"), "help lists the commands\n2\n");
+}
+
+TEST(Program, EndsCleanlyOnSignalsAndWhenNobodyReads) {
+    // What sends the signal learns the number of the process, and that its commands have begun.
+    const auto signalled = [](const std::string& input, const std::string& signal) {
+        return "{ " + input + " | sh -c 'echo $$; exec '$M; echo $? >&2; } | " +
+               "{ read pid; read line; sleep 0.2; kill -" + signal + " $pid; cat >/dev/null; }";
+    };
+    for (
+        const auto& [command, expected] : std::vector<std::pair<std::string, std::string>>{
+            {signalled("printf 'help quit\\nsleep 60000\\n'", "INT"), "signal 2\n130\n"},
+            {signalled("printf 'help quit\\nexpect a 60000\\n'", "TERM"), "signal 15\n143\n"},
+            {signalled("{ echo help quit; sleep 1; }", "INT"), "\n0\n"},
+            {"printf 'help\\nsleep 300\\nhelp\\nsleep 60000\\n' | { $M; echo $? >&2; } | head -n 1",
+             "\n141\n"},
+            {"{ sleep 1; printf '\\003'; sleep 1; } | TERM=xterm script -qec $M /dev/null; echo $?",
+             "manager> \r\n0\n"}}) {
+        const std::string output = '\n' + run_shell(command);
+        expect_part(output, expected);
+        EXPECT_NE(access(kDefaultPath, F_OK), 0) << "the socket file was left by " << command;
+    }
 }
 
 }  // namespace

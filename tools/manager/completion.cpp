@@ -47,25 +47,27 @@ std::vector<std::string> choices(const std::string& argument, const std::string&
     return is_literal ? split(argument, "|") : std::vector<std::string>();
 }
 
+/// The words that are no options, nor the values of options.
+std::vector<std::string> without_options(const std::vector<std::string>& words) {
+    std::vector<std::string> others;
+    bool is_value = false;
+    for (const std::string& word : words) {
+        if (!is_value && !is_option(word)) others.push_back(word);
+        is_value = is_option(word);
+    }
+    return others;
+}
+
 /// `before` are the words before the one that was begun.
 std::vector<std::string> candidates(const std::vector<std::string>& before,
                                     const std::string& begun) {
     if (before.empty()) return command_names();
-    const std::string arguments = command_arguments(before.front());
-    std::vector<std::string> options;
-    std::vector<std::string> others;
-    bool is_value = false;
-    for (const std::string& word : split(arguments, " []")) {
-        if (is_option(word))
-            options.push_back(word);
-        else if (!is_value)
-            others.push_back(word);
-        is_value = is_option(word);
-    }
-    if (is_option(begun)) return options;
-    const auto position = static_cast<std::size_t>(
-        std::count_if(before.begin() + 1, before.end(), [](auto& w) { return !is_option(w); }));
-    return position < others.size() ? choices(others[position], begun) : std::vector<std::string>();
+    std::vector<std::string> arguments = split(command_arguments(before.front()), " []");
+    if (is_option(begun)) return arguments;
+    arguments = without_options(arguments);
+    const std::size_t position = without_options(before).size() - 1;
+    if (position >= arguments.size()) return {};
+    return choices(arguments[position], begun);
 }
 
 }  // namespace
