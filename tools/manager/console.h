@@ -50,6 +50,12 @@ class Console {
     /// from then on. It must not call the console.
     void set_broken_output(std::function<void()> report) { broken_output_ = std::move(report); }
 
+    /// Whether it has been, or would have been.
+    bool is_broken() {
+        const std::lock_guard lock(mutex_);
+        return broken_;
+    }
+
     /// While the lock is held nothing is printed; `redraw`, called under it after a line, shows the
     /// prompt again. An empty function means there is no prompt.
     std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex_); }

@@ -32,7 +32,7 @@ constexpr char kFooter[] =
     "Examples:\n"
     "  vexon-manager                              a prompt; Tab completes words\n"
     "  vexon-manager --script test.vexon          a test of a service, as in a CI\n"
-    "  echo 'expect REDY 10000' | vexon-manager --json | jq -c .message\n"
+    "  echo 'expect REDY 10000' | vexon-manager --json | jq -c '.message // empty'\n"
     "                                             what a service says when it introduces itself\n"
     "  vexon-manager --script test.vexon --record test.jsonl, later\n"
     "  vexon-manager --replay test.jsonl          does the service still answer the same?\n"
@@ -88,7 +88,7 @@ int end(int status, CommandContext& context) {
     // The ends of the connections belong to the recording.
     context.manager.stop();
     if (context.traffic.calls.has_news()) show_calls(context);
-    if (context.interruption.signal() == SIGPIPE) return kInterrupted + SIGPIPE;
+    if (context.console.is_broken()) return kInterrupted + SIGPIPE;
     try {
         context.traffic.recorder.stop();
     } catch (const ManagerError& error) {

@@ -41,7 +41,8 @@ Prompt::Prompt(Console& console, const Interruption& interruption)
     el_set(editor_.get(), EL_EDITOR, "emacs");
     el_set(editor_.get(), EL_HIST, history, history_.get());
     el_set(editor_.get(), EL_GETCFN, static_cast<int (*)(EditLine*, wchar_t*)>(read_character));
-    el_set(editor_.get(), EL_ADDFN, "complete", "Complete the word", complete);
+    // el_set() would leak copies of the texts.
+    el_wset(editor_.get(), EL_ADDFN, L"complete", L"Complete the word", complete);
     el_set(editor_.get(), EL_BIND, "^I", "complete", nullptr);
     el_source(editor_.get(), nullptr);
 }
