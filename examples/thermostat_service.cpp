@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 #include <vexon2_0.h>
+#include <vexon2_0_arguments.h>
+#include <vexon2_0_reply.h>
 
 #include <algorithm>
 #include <array>
@@ -11,13 +13,10 @@
 #include <cstdio>
 #include <mutex>
 #include <numeric>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "arguments.h"
 
 namespace {
 
@@ -59,20 +58,32 @@ void say(const std::string& text) {
     std::fflush(stdout);
 }
 
-template <class T>
-std::string member(const char* name, const T& value) {
-    std::ostringstream text;
-    text << std::boolalpha << '"' << name << "\":" << value;
-    return text.str();
-}
-
 // ---------------------------------------------------------------------------------------------
-// The functions: each returns the members of its reply
+// The functions: each returns its reply
+
+// The "return" of a reply; its "status" is 0 for kDone and -1 for the others.
+enum ReturnValue { kDone = 0, kNoFunction = -1, kBadArgument = -2, kRefused = -3, kBroken = -4 };
+
+struct CallError : std::runtime_error {
+    CallError(ReturnValue value, const std::string& text)
+        : std::runtime_error(text), return_value(value) {}
+
+    ReturnValue return_value;
+};
 
 struct Task {
     unsigned session_id;
-    const vexon_type_map_t& arguments;
+    const vexon_func_call_info_t& arguments;
 };
+
+// Returns the argument, or the member of a struct argument, with this key.
+template <class T, class From>
+const vexon::Held<T>& get(const From& from, int key) {
+    if (const auto* value = vexon::get<T>(from, key)) return *value;
+    const bool is_missing = vexon::tag_of(from, key) == VEXON_TYPE_NONE;
+    throw CallError(kBadArgument, "argument " + std::to_string(key) +
+                                      (is_missing ? " is missing" : " is of a wrong type"));
+}
 
 void require(bool condition, const char* otherwise) {
     if (!condition) throw CallError(kRefused, otherwise);
@@ -88,25 +99,25 @@ void require_permission(const Task& task, const std::string& permission) {
     require(granted.size() == 1 && granted[0], "the permission is missing");
 }
 
-std::string set_locked(const Task& task) {
+vexon::Reply set_locked(const Task& task) {
     require_permission(task, "LOCK_THERMOSTAT");
     const bool locked = get<bool>(task.arguments, 0);
     const std::lock_guard lock(gThermostat.mutex);
     gThermostat.locked = locked;
-    return member("locked", locked);
+    return vexon::Reply().add("locked", locked);
 }
 
-std::string set_target(const Task& task) {
+vexon::Reply set_target(const Task& task) {
     const double celsius = get<double>(task.arguments, 0);
     require_celsius(celsius);
     const std::lock_guard lock(gThermostat.mutex);
     require(!gThermostat.locked, "the thermostat is locked");
     gThermostat.target_celsius = celsius;
-    return member("target", celsius);
+    return vexon::Reply().add("target", celsius);
 }
 
-std::string set_period(const Task& task) {
-    const auto& period = get<vexon_type_map_t>(task.arguments, 0);
+vexon::Reply set_period(const Task& task) {
+    const auto& period = get<vexon::Struct>(task.arguments, 0);
     const auto from_hour = get<unsigned char>(period, 0);
     const auto to_hour = get<unsigned char>(period, 1);
     const double celsius = get<double>(period, 2);
@@ -116,10 +127,10 @@ std::string set_period(const Task& task) {
     require(!gThermostat.locked, "the thermostat is locked");
     auto& schedule = gThermostat.schedule;
     std::fill(schedule.begin() + from_hour, schedule.begin() + to_hour, celsius);
-    return member("heated_hours", 24 - std::count(schedule.begin(), schedule.end(), 0));
+    return vexon::Reply().add("heated_hours", 24 - std::count(schedule.begin(), schedule.end(), 0));
 }
 
-std::string calibrate(const Task& task) {
+vexon::Reply calibrate(const Task& task) {
     const auto& references = get<std::vector<double>>(task.arguments, 0);
     require(!references.empty(), "there is no reference");
     for (const double reference : references) require_celsius(reference);
@@ -127,31 +138,32 @@ std::string calibrate(const Task& task) {
     const std::lock_guard lock(gThermostat.mutex);
     gThermostat.sensor_error =
         gThermostat.room_celsius - sum / static_cast<double>(references.size());
-    return member("sensor_error", gThermostat.sensor_error);
+    return vexon::Reply().add("sensor_error", gThermostat.sensor_error);
 }
 
 // Takes its time, in which other tasks run: it holds no lock while it waits.
-std::string measure(const Task&) {
+vexon::Reply measure(const Task&) {
     const int at_once = ++gThermostat.measuring;
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     --gThermostat.measuring;
     const std::lock_guard lock(gThermostat.mutex);
     gThermostat.room_celsius += (gThermostat.target_celsius - gThermostat.room_celsius) / 4;
-    return member("celsius", gThermostat.room_celsius - gThermostat.sensor_error) + "," +
-           member("at_once", at_once);
+    return vexon::Reply()
+        .add("celsius", gThermostat.room_celsius - gThermostat.sensor_error)
+        .add("at_once", at_once);
 }
 
-std::string read_outdoor(const Task& task) {
+vexon::Reply read_outdoor(const Task& task) {
     const auto answers = vexa_info_query(task.session_id, {"outdoor_celsius"});
     std::string celsius;
     require(!answers.empty() && parse_result_of_query_info(answers[0], celsius) == 0,
             "the temperature is not known");
-    return member("celsius", std::stod(celsius));
+    return vexon::Reply().add("celsius", std::stod(celsius));
 }
 
 struct Function {
     const char* name;
-    std::string (*run)(const Task& task);
+    vexon::Reply (*run)(const Task& task);
 };
 
 constexpr Function kFunctions[] = {{"set_target", set_target}, {"set_locked", set_locked},
@@ -168,27 +180,25 @@ const Function& find_function(const std::string& name) {
 // ---------------------------------------------------------------------------------------------
 // The callbacks
 
-void fill(_vexon_call_info_t* call, ReturnValue value, const std::string& members) {
+void fill(_vexon_call_info_t* call, ReturnValue value, const vexon::Reply& reply) {
     call->status = value == kDone ? 0 : -1;
     call->return_value = value;
-    call->func = members;
-    say(call->name + " answers " + members);
+    call->func = reply.text();
+    say(call->name + " answers " + call->func);
 }
 
 int on_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
-    const vexon_type_map_t none;
     call->opcode = "0x1a";
     // Not the name that was asked for, which may hold characters that a reply must not hold.
     call->name = "unknown";
     try {
         const Function& function = find_function(args.func_name);
         call->name = function.name;
-        const Task task{call->session_id, args.type_queue == nullptr ? none : *args.type_queue};
-        fill(call, kDone, function.run(task));
+        fill(call, kDone, function.run({call->session_id, args}));
     } catch (const CallError& error) {
-        fill(call, error.return_value, "\"error\":\"" + std::string(error.what()) + "\"");
+        fill(call, error.return_value, vexon::Reply().add("error", error.what()));
     } catch (const std::exception&) {
-        fill(call, kBroken, "\"error\":\"internal error\"");
+        fill(call, kBroken, vexon::Reply().add("error", "internal error"));
     }
     return 0;
 }

@@ -4,6 +4,8 @@
 /// A process calls vexa_svc_init() once, registers each of its services, declares them ready with
 /// two callbacks and is then driven by the Manager. Link with -lvexon2_0; nothing else is needed.
 ///
+/// For typed access to arguments see vexon2_0_arguments.h, for building replies vexon2_0_reply.h.
+///
 /// Threads. The library has a receive thread and one thread per running task.
 ///   - State callbacks run on the receive thread, one at a time. Until a callback returns, no other
 ///     message of the Manager is handled, so it must be short and must not wait for another thread

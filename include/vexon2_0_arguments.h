@@ -1,30 +1,32 @@
-// Typed access to the arguments of a task and to the members of structs, so that no service casts
-// by hand. Header only; needs nothing but vexon2_0.h.
-//
-//     int on_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
-//         const double* celsius = vexon::get<double>(args, 0);
-//         const vexon::Struct* period = vexon::get<vexon::Struct>(args, 1);
-//         ...
-//         const auto* rooms = vexon::get<std::vector<std::string>>(*period, 7);
-//
-// Keys. The key of an argument or a member is its "id", with one exception: the key of a struct
-// that is itself an argument is its position among the arguments, counted from 0.
-//
-// Types. Ask for the type that the API definition names, by this table; what is not in it does not
-// compile. std::int64_t and std::uint64_t are long and unsigned long where a long has 64 bits.
-//
-//     uint8    unsigned char      int8    signed char    double    double
-//     uint16   unsigned short     int16   short          string    std::string
-//     uint32   unsigned int       int32   int            boolean   bool
-//     uint64   unsigned long      int64   long           enum      vexon::Enum, held as int
-//     struct   vexon::Struct                             bnry_blb  vexon::Blob, held as std::string
-//     vector   std::vector of the above: std::vector<vexon::Enum> is held as std::vector<int>
-//
-// Ownership. What get(), members() and Member return points into the call and is gone when the exec
-// callback has returned; get_shared() keeps a value beyond that. Only type_queue is used.
-//
-// Thread-safety: everything here only reads. The arguments of one call may be read by several
-// threads at once, and values be kept and released by any thread.
+/// \file
+/// Typed access to the arguments of a task and to the members of structs, so that no service casts
+/// by hand. Header only; needs nothing but vexon2_0.h.
+///
+///     int on_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
+///         const double* celsius = vexon::get<double>(args, 0);
+///         const vexon::Struct* period = vexon::get<vexon::Struct>(args, 1);
+///         ...
+///         const auto* rooms = vexon::get<std::vector<std::string>>(*period, 7);
+///
+/// Keys. The key of an argument or a member is its "id", with one exception: the key of a struct
+/// that is itself an argument is its position among the arguments, counted from 0.
+///
+/// Types. Ask for the type that the API definition names, by this table; what is not in it does not
+/// compile. std::int64_t and std::uint64_t are long and unsigned long where a long has 64 bits.
+///
+///     uint8    unsigned char      int8    signed char    double    double
+///     uint16   unsigned short     int16   short          string    std::string
+///     uint32   unsigned int       int32   int            boolean   bool
+///     uint64   unsigned long      int64   long           enum      vexon::Enum, held as int
+///     struct   vexon::Struct                             bnry_blb  vexon::Blob, held as
+///     std::string vector   std::vector of the above: std::vector<vexon::Enum> is held as
+///     std::vector<int>
+///
+/// Ownership. What get(), members() and Member return points into the call and is gone when the
+/// exec callback has returned; get_shared() keeps a value beyond that. Only type_queue is used.
+///
+/// Thread-safety: everything here only reads. The arguments of one call may be read by several
+/// threads at once, and values be kept and released by any thread.
 
 #pragma once
 
@@ -38,12 +40,12 @@
 
 namespace vexon {
 
-// Names for types that share their holder with another: an enum is held as an int32 is, a blob as a
-// string is. There are no objects of these.
+/// Names for types that share their holder with another: an enum is held as an int32 is, a blob as
+/// a string is. There are no objects of these.
 struct Enum;
 struct Blob;
 
-// The members of a struct by their keys.
+/// The members of a struct by their keys.
 using Struct = vexon_type_map_t;
 
 namespace internal {
@@ -132,57 +134,60 @@ inline const vexon_type_map_t::mapped_type* find(const vexon_func_call_info_t& a
 
 }  // namespace internal
 
-// What a value of type T is held as: T itself, int for Enum, std::string for Blob.
+/// What a value of type T is held as: T itself, int for Enum, std::string for Blob.
 template <class T>
 using Held = typename internal::Type<T>::Held;
 
-// The tag of type T, to be compared with tag_of() and Member::tag().
+/// The tag of type T, to be compared with tag_of() and Member::tag().
 template <class T>
 inline constexpr vexon_data_type_t kTag = internal::Type<T>::kTag;
 
-// The functions below take the arguments of a call (const vexon_func_call_info_t&) or the members
-// of a struct (const Struct&) as `from`. A call without arguments, whose queues are null, is one in
-// which every key is missing.
+/// The functions below take the arguments of a call (const vexon_func_call_info_t&) or the members
+/// of a struct (const Struct&) as `from`. A call without arguments, whose queues are null, is one
+/// in which every key is missing.
 
-// Returns the value under `key`, or null if there is none or it is not of type T: tag_of() tells
-// which. The value belongs to the call; see the top of this file.
+/// Returns the value under `key`, or null if there is none or it is not of type T: tag_of() tells
+/// which. The value belongs to the call; see the top of this file.
 template <class T, class From>
 const Held<T>* get(const From& from, int key) {
     const auto* entry = internal::find(from, key);
     return entry == nullptr ? nullptr : internal::held<T>(*entry);
 }
 
-// As get(), but the value stays for as long as the result or a copy of it.
+/// As get(), but the value stays for as long as the result or a copy of it.
 template <class T, class From>
 std::shared_ptr<const Held<T>> get_shared(const From& from, int key) {
     const auto* entry = internal::find(from, key);
     return entry == nullptr ? nullptr : internal::held_shared<T>(*entry);
 }
 
-// Returns the tag of the value under `key`, or VEXON_TYPE_NONE, which no value has, if there is
-// none.
+/// Returns the tag of the value under `key`, or VEXON_TYPE_NONE, which no value has, if there is
+/// none.
 template <class From>
 vexon_data_type_t tag_of(const From& from, int key) {
     const auto* entry = internal::find(from, key);
     return entry == nullptr ? VEXON_TYPE_NONE : entry->first;
 }
 
-// An argument or a member of a struct as it is met by members(). It refers to it and is copied
-// freely.
+/// An argument or a member of a struct as it is met by members(). It refers to it and is copied
+/// freely.
 class Member {
   public:
+    /// Refers to the entry of a typed map.
     explicit Member(const vexon_type_map_t::value_type& entry) : entry_(&entry) {}
 
+    /// Returns its key.
     int key() const { return entry_->first; }
+    /// Returns its tag.
     vexon_data_type_t tag() const { return entry_->second.first; }
 
-    // Returns the value, or null if it is not of type T. It belongs to the call.
+    /// Returns the value, or null if it is not of type T. It belongs to the call.
     template <class T>
     const Held<T>* as() const {
         return internal::held<T>(entry_->second);
     }
 
-    // As as(), but the value stays for as long as the result or a copy of it.
+    /// As as(), but the value stays for as long as the result or a copy of it.
     template <class T>
     std::shared_ptr<const Held<T>> as_shared() const {
         return internal::held_shared<T>(entry_->second);
@@ -192,11 +197,13 @@ class Member {
     const vexon_type_map_t::value_type* entry_;
 };
 
-// A range of Member, for range-based loops and the algorithms of the standard library.
+/// A range of Member, for range-based loops and the algorithms of the standard library.
 class Members {
   public:
+    /// An input iterator.
     class Iterator {
       public:
+        /// \cond the usual parts of an iterator
         using iterator_category = std::input_iterator_tag;
         using value_type = Member;
         using difference_type = std::ptrdiff_t;
@@ -214,16 +221,21 @@ class Members {
         Iterator operator++(int) { return Iterator(at_++); }
         bool operator==(const Iterator& other) const { return at_ == other.at_; }
         bool operator!=(const Iterator& other) const { return at_ != other.at_; }
+        /// \endcond
 
       private:
         vexon_type_map_t::const_iterator at_;
     };
 
     Members() = default;
+    /// Those of a struct; without it, none.
     explicit Members(const Struct& members) : begin_(members.begin()), end_(members.end()) {}
 
+    /// Returns where they begin.
     Iterator begin() const { return begin_; }
+    /// Returns where they end.
     Iterator end() const { return end_; }
+    /// Returns whether there are none.
     bool empty() const { return begin_ == end_; }
 
   private:
@@ -231,15 +243,16 @@ class Members {
     Iterator end_;
 };
 
-// Returns the members of a struct, or the arguments of a call (none if its queues are null), in the
-// order of their keys:
-//
-//     for (const vexon::Member member : vexon::members(period)) {
-//         if (const auto* text = member.as<std::string>()) use(member.key(), *text);
-//     }
+/// Returns the members of a struct, or the arguments of a call (none if its queues are null), in
+/// the order of their keys:
+///
+///     for (const vexon::Member member : vexon::members(period)) {
+///         if (const auto* text = member.as<std::string>()) use(member.key(), *text);
+///     }
 inline Members members(const Struct& from) {
     return Members(from);
 }
+/// The same for the arguments of a call.
 inline Members members(const vexon_func_call_info_t& from) {
     return from.type_queue == nullptr ? Members() : Members(*from.type_queue);
 }

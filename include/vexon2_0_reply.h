@@ -1,27 +1,29 @@
-// Builds the member text of a reply, the `func` of _vexon_call_info_t, correctly escaped. Header
-// only; needs nothing but the standard library.
-//
-//     call->func = vexon::Reply()
-//                      .add("celsius", 21.5)
-//                      .add("rooms", names)  // std::vector<std::string>
-//                      .add("limits", vexon::Object().add("from", 5).add("to", 30))
-//                      .text();
-//
-// How values are written:
-//   - Texts (std::string, std::string_view, const char*, string literals) as strings. Valid UTF-8
-//     goes through; double quotes, backslashes and control characters, NUL among them, are escaped;
-//     each byte that is not part of valid UTF-8 becomes U+FFFD. A null const char* becomes null.
-//   - bool as true or false, std::nullptr_t as null.
-//   - Integers exactly, up to 64 bits. unsigned char and signed char are numbers.
-//   - double such that it reads back as the same value, without needless digits and with 17 at
-//     most, and always with a point or an exponent, so that 20.0 is told from the integer 20 and
-//     -0.0 keeps its sign. float as the double of the same value. NaN and the infinities, which
-//     JSON does not have, as null. The locale has no influence.
-//   - Object as an object, std::vector of all of these as an array.
-// All else does not compile. That includes char: it may be meant as a number or as a text, and
-// whether it has a sign depends on the processor. Write std::string(1, c) or convert it to int.
-//
-// Thread-safety: as that of std::string. Objects are independent of each other.
+/// \file
+/// Builds the member text of a reply, the `func` of _vexon_call_info_t, correctly escaped. Header
+/// only; needs nothing but the standard library.
+///
+///     call->func = vexon::Reply()
+///                      .add("celsius", 21.5)
+///                      .add("rooms", names)  // std::vector<std::string>
+///                      .add("limits", vexon::Object().add("from", 5).add("to", 30))
+///                      .text();
+///
+/// How values are written:
+///   - Texts (std::string, std::string_view, const char*, string literals) as strings. Valid UTF-8
+///     goes through; double quotes, backslashes and control characters, NUL among them, are
+///     escaped; each byte that is not part of valid UTF-8 becomes U+FFFD. A null const char*
+///     becomes null.
+///   - bool as true or false, std::nullptr_t as null.
+///   - Integers exactly, up to 64 bits. unsigned char and signed char are numbers.
+///   - double such that it reads back as the same value, without needless digits and with 17 at
+///     most, and always with a point or an exponent, so that 20.0 is told from the integer 20 and
+///     -0.0 keeps its sign. float as the double of the same value. NaN and the infinities, which
+///     JSON does not have, as null. The locale has no influence.
+///   - Object as an object, std::vector of all of these as an array.
+/// All else does not compile. That includes char: it may be meant as a number or as a text, and
+/// whether it has a sign depends on the processor. Write std::string(1, c) or convert it to int.
+///
+/// Thread-safety: as that of std::string. Objects are independent of each other.
 
 #pragma once
 
@@ -172,12 +174,12 @@ void append_array(std::string* json, const Vector& values) {
 
 }  // namespace internal
 
-// Members of a JSON object, kept as their text.
+/// Members of a JSON object, kept as their text.
 class Object {
   public:
-    // Adds a member. Names are written in the order in which they come, and repeated if they are
-    // repeated. Neither `name` nor `value` may be part of this object; no reference to them is
-    // kept. Returns this object.
+    /// Adds a member. Names are written in the order in which they come, and repeated if they are
+    /// repeated. Neither `name` nor `value` may be part of this object; no reference to them is
+    /// kept. Returns this object.
     template <class T>
     Object& add(std::string_view name, const T& value) & {
         if (!members_.empty()) members_ += ',';
@@ -186,21 +188,23 @@ class Object {
         internal::append_value(&members_, value);
         return *this;
     }
+    /// The same for a temporary.
     template <class T>
     Object&& add(std::string_view name, const T& value) && {
         return std::move(add(name, value));
     }
 
-    // Returns the members with commas between them, without braces; empty if there are none. It is
-    // never "-1", which would say that there is no reply.
+    /// Returns the members with commas between them, without braces; empty if there are none. It is
+    /// never "-1", which would say that there is no reply.
     const std::string& text() const& { return members_; }
+    /// The same, moved out of a temporary.
     std::string text() && { return std::move(members_); }
 
   private:
     std::string members_;
 };
 
-// What a task answers.
+/// What a task answers.
 using Reply = Object;
 
 namespace internal {
