@@ -15,8 +15,8 @@
 ///     becomes null.
 ///   - bool as true or false, std::nullptr_t as null.
 ///   - Integers exactly, up to 64 bits. unsigned char and signed char are numbers.
-///   - double such that it reads back as the same value, without needless digits and with 17 at
-///     most, and always with a point or an exponent, so that 20.0 is told from the integer 20 and
+///   - double rounded to 15 digits at most, or to 16 or 17 if fewer do not read back as the same
+///     value, and always with a point or an exponent, so that 20.0 is told from the integer 20 and
 ///     -0.0 keeps its sign. float as the double of the same value. NaN and the infinities, which
 ///     JSON does not have, as null. The locale has no influence.
 ///   - Object as an object, std::vector of all of these as an array.
@@ -121,25 +121,29 @@ void append_integer(std::string* json, T value) {
     json->append(digits, written.ptr);
 }
 
-// libc++ has no std::to_chars() for double before its version 14.
+// Writes a finite number in as few digits as it takes to read it back, with the decimal point of
+// the locale. std::to_chars() would do, but libc++ has it for double from its version 14 on only.
+inline void format_double(char (&text)[40], double value) {
+    // 15 digits come back unchanged from any normal double, so fewer need no trial: %g drops zeros
+    // at the end.
+    int digits = std::isnormal(value) ? 15 : 1;
+    do {
+        std::snprintf(text, sizeof text, "%.*g", digits, value);
+    } while (++digits <= 17 && std::strtod(text, nullptr) != value);
+}
+
 inline void append_double(std::string* json, double value) {
     if (!std::isfinite(value)) {
         *json += "null";
         return;
     }
     char text[40];
-    // Up to 15 digits survive in a normal double, so that fewer are never tried in vain. Zeros at
-    // the end are not written.
-    int digits = std::isnormal(value) ? 15 : 1;
-    do {
-        std::snprintf(text, sizeof text, "%.*g", digits, value);
-    } while (++digits <= 17 && std::strtod(text, nullptr) != value);
-
-    // The locale's decimal point may be any character, also of several bytes.
-    constexpr std::string_view kOthers = "0123456789+-e";
+    format_double(text, value);
+    // All that is nothing else is the decimal point, which may have several bytes.
+    constexpr std::string_view kAllElse = "0123456789+-e";
     const std::size_t start = json->size();
     for (const char c : std::string_view(text)) {
-        if (kOthers.find(c) != std::string_view::npos) {
+        if (kAllElse.find(c) != std::string_view::npos) {
             *json += c;
         } else if (json->back() != '.') {
             *json += '.';
