@@ -1,6 +1,5 @@
 #include "faults.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
 #include <sys/socket.h>
 
@@ -13,9 +12,8 @@
 
 #include "client/receive.h"
 
-#define EXPORTED __attribute__((visibility("default")))
+#include "interposing.h"
 
-// Where a sanitizer intercepts a function, its interceptor is the real one.
 extern "C" {
 [[gnu::weak]] decltype(pthread_create) __interceptor_pthread_create;
 [[gnu::weak]] decltype(pthread_cond_clockwait) __interceptor_pthread_cond_clockwait;
@@ -56,12 +54,6 @@ bool due(Call call) {
 int failed(Call call) {
     errno = demand(call).error;
     return -1;
-}
-
-template <class Function>
-Function* real(Function* interceptor, const char* name) {
-    if (interceptor != nullptr) return interceptor;
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace

@@ -2,16 +2,13 @@
 // and by several test processes at a time.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
-namespace {
+#include "private_dev/enter_private_dev.h"
 
-constexpr const char* kInsideMark = "VEXON_TEST_HAS_PRIVATE_DEV";
+namespace {
 
 bool only_lists_tests(const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments) {
@@ -20,21 +17,10 @@ bool only_lists_tests(const std::vector<std::string>& arguments) {
     return false;
 }
 
-[[noreturn]] void enter_private_dev(char** argv) {
-    ::setenv(kInsideMark, "1", 1);
-    std::vector<char*> command = {const_cast<char*>(VEXON_PRIVATE_DEV), argv[0]};
-    for (char** argument = argv + 1; *argument != nullptr; ++argument) command.push_back(*argument);
-    command.push_back(nullptr);
-    ::execv(command[0], command.data());
-    std::perror(command[0]);
-    std::exit(EXIT_FAILURE);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool listing = only_lists_tests({argv, argv + argc});
-    if (!listing && std::getenv(kInsideMark) == nullptr) enter_private_dev(argv);
+    if (!only_lists_tests({argv, argv + argc})) enter_private_dev(VEXON_PRIVATE_DEV, argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
