@@ -1,0 +1,221 @@
+#include "fuzz/json_mutator.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "manager/json.h"
+
+extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t max_size);
+
+namespace {
+
+using Random = std::minstd_rand;
+
+std::size_t below(std::size_t limit, Random& random) {
+    return random() % limit;
+}
+
+template <class Items>
+auto& any_of(Items& items, Random& random) {
+    return items[below(std::size(items), random)];
+}
+
+// Values at and beyond the bounds of the types and of each kind of JSON.
+constexpr const char* kValues[] = {"null",
+                                   "true",
+                                   "0",
+                                   "1",
+                                   "5",
+                                   "6",
+                                   "-1",
+                                   "127",
+                                   "128",
+                                   "-129",
+                                   "255",
+                                   "256",
+                                   "26",
+                                   "27",
+                                   "28",
+                                   "65535",
+                                   "65536",
+                                   "1313",
+                                   "2147483647",
+                                   "2147483648",
+                                   "-2147483648",
+                                   "-2147483649",
+                                   "4294967295",
+                                   "4294967296",
+                                   "9223372036854775808",
+                                   "18446744073709551615",
+                                   "18446744073709551616",
+                                   "0.5",
+                                   "-1e300",
+                                   "7.0",
+                                   R"("")",
+                                   R"("1a")",
+                                   R"("0x1b")",
+                                   R"("26")",
+                                   R"("28")",
+                                   R"("-1")",
+                                   R"("99999999999999999999")",
+                                   R"("a\u0000b")",
+                                   R"("%s%n")",
+                                   R"("throw")",
+                                   R"("null")",
+                                   R"("vector")",
+                                   R"("struct")",
+                                   R"("cb")",
+                                   R"("none")",
+                                   R"("float")",
+                                   "[]",
+                                   "{}",
+                                   "[1]",
+                                   R"(["1"])",
+                                   R"({"id":1})"};
+
+struct Scalar {
+    const char* type;
+    const char* value;
+};
+constexpr Scalar kScalars[] = {
+    {"uint8", "255"},
+    {"uint16", "65535"},
+    {"uint32", "4294967295"},
+    {"uint64", "18446744073709551615"},
+    {"int8", "-128"},
+    {"int16", "-32768"},
+    {"int32", "-2147483648"},
+    {"int64", "-9223372036854775808"},
+    {"double", "0.5"},
+    {"string", R"("a string that needs memory of its own")"},
+    {"boolean", "true"},
+    {"enum", "3"},
+    {"bnry_blb", R"("AAEC/w==")"},
+};
+
+Json::Value parsed(const char* text) {
+    return manager::parse_json(text).value_or(Json::Value());
+}
+
+Json::Value make_argument(unsigned depth, Random& random);
+
+Json::Value make_list(unsigned depth, Random& random) {
+    Json::Value list(Json::arrayValue);
+    for (std::size_t i = below(4, random); i > 0; --i) list.append(make_argument(depth, random));
+    return list;
+}
+
+Json::Value make_structs(unsigned depth, Random& random) {
+    Json::Value list(Json::arrayValue);
+    for (std::size_t i = below(3, random); i > 0; --i) {
+        Json::Value element;
+        element["members"] = make_list(depth, random);
+        list.append(element);
+    }
+    return list;
+}
+
+Json::Value make_argument(unsigned depth, Random& random) {
+    const Scalar& scalar = any_of(kScalars, random);
+    Json::Value argument;
+    argument["id"] = static_cast<int>(below(8, random));
+    switch (below(depth == 0 ? 2 : 4, random)) {
+        case 0:
+            argument["type"] = scalar.type;
+            argument["value"] = parsed(scalar.value);
+            break;
+        case 1:
+            argument["type"] = "vector";
+            argument["vec_type"] = scalar.type;
+            argument["value"] = Json::arrayValue;
+            for (std::size_t i = below(5, random); i > 0; --i) {
+                argument["value"].append(parsed(scalar.value));
+            }
+            break;
+        case 2:
+            argument["type"] = "struct";
+            argument["members"] = make_list(depth - 1, random);
+            break;
+        default:
+            argument["type"] = "vector";
+            argument["vec_type"] = "struct";
+            argument["value"] = make_structs(depth - 1, random);
+    }
+    return argument;
+}
+
+void remove_one(Json::Value* value, Random& random) {
+    if (value->empty()) return;
+    if (value->isArray()) {
+        Json::Value removed;
+        value->removeIndex(static_cast<Json::ArrayIndex>(below(value->size(), random)), &removed);
+    } else if (value->isObject()) {
+        const std::vector<std::string> names = value->getMemberNames();
+        value->removeMember(any_of(names, random));
+    }
+}
+
+void collect(Json::Value& value, std::vector<Json::Value*>* values) {
+    values->push_back(&value);
+    for (Json::Value& member : value) collect(member, values);
+}
+
+void change_one(Json::Value* message, Random& random) {
+    std::vector<Json::Value*> values;
+    collect(*message, &values);
+    Json::Value& value = *any_of(values, random);
+    switch (below(5, random)) {
+        case 0:
+            value = parsed(any_of(kValues, random));
+            return;
+        case 1:
+            value = Json::Value(*any_of(values, random));
+            return;
+        case 2:
+            remove_one(&value, random);
+            return;
+        case 3:
+            if (value.isArray() && !value.empty()) {
+                value.append(
+                    Json::Value(value[static_cast<Json::ArrayIndex>(below(value.size(), random))]));
+                return;
+            }
+            [[fallthrough]];
+        default:
+            if (value.isArray()) {
+                value.append(make_argument(2, random));
+            } else if (value.isObject() && value.isMember("type")) {
+                value = make_argument(2, random);
+            }
+    }
+}
+
+void state_number_of_arguments(Json::Value* message) {
+    if (!message->isObject() || !manager::member(*message, "func").isObject()) return;
+    Json::Value& function = (*message)["func"];
+    function["num_of_args"] = function["args"].size();
+}
+
+}  // namespace
+
+std::string mutate_json(const std::string& text, Random& random) {
+    auto message = manager::parse_json(text);
+    if (!message) return text;
+    for (std::size_t i = below(3, random) + 1; i > 0; --i) change_one(&*message, random);
+    if (below(8, random) != 0) state_number_of_arguments(&*message);
+    Json::StreamWriterBuilder one_line;
+    one_line["indentation"] = "";
+    return Json::writeString(one_line, *message);
+}
+
+std::size_t mutate_input(std::uint8_t* data, std::size_t size, std::size_t max_size, unsigned seed,
+                         Mutate mutate) {
+    Random random(seed);
+    if (below(2, random) == 0) return LLVMFuzzerMutate(data, size, max_size);
+    const std::string result = mutate({reinterpret_cast<const char*>(data), size}, random);
+    if (result.size() > max_size) return LLVMFuzzerMutate(data, size, max_size);
+    std::copy(result.begin(), result.end(), data);
+    return result.size();
+}

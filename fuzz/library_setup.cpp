@@ -1,0 +1,26 @@
+#include "fuzz/library_setup.h"
+
+#include <android/log.h>
+
+#include "client/IVexaClient.h"
+#include "client/logging.h"
+#include "client/utility/IVexaClient_utility.h"
+#include "fuzz/require.h"
+
+void quiet_log() {
+    gDebugLevel = kProgress;
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    __android_log_set_logger([](const __android_logger_data*, const char*) {});
+}
+
+void restore_data_types() {
+    static const std::map<std::string, vexon_data_type_t>& known =
+        *new std::map<std::string, vexon_data_type_t>(known_data_types());
+    if (gDataTypes == known) return;
+    for (const auto& [name, type] : gDataTypes) {
+        const auto entry = known.find(name);
+        require(type == (entry == known.end() ? VEXON_TYPE_NONE : entry->second),
+                "a name that is not known has no type, the others keep theirs");
+    }
+    gDataTypes = known;
+}
