@@ -8,8 +8,8 @@
 #include "client/params/queues.h"
 #include "fuzz/argument_reader.h"
 #include "fuzz/json_mutator.h"
+#include "fuzz/json_text.h"
 #include "fuzz/library_setup.h"
-#include "manager/json.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quiet_log();
@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const auto request = manager::parse_json({reinterpret_cast<const char*>(data), size});
+    const auto request = parse_json({reinterpret_cast<const char*>(data), size});
     if (!request) return 0;
     vexon_func_call_info_t info{};
     AddParamsToQueues(*request, &info);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "fuzz/json_text.h"
 #include "manager/json.h"
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t max_size);
@@ -96,7 +97,7 @@ constexpr Scalar kScalars[] = {
 };
 
 Json::Value parsed(const char* text) {
-    return manager::parse_json(text).value_or(Json::Value());
+    return parse_json(text).value_or(Json::Value());
 }
 
 Json::Value make_argument(unsigned depth, Random& random);
@@ -201,7 +202,7 @@ void state_number_of_arguments(Json::Value* message) {
 }  // namespace
 
 std::string mutate_json(const std::string& text, Random& random) {
-    auto message = manager::parse_json(text);
+    auto message = parse_json(text);
     if (!message) return text;
     for (std::size_t i = below(3, random) + 1; i > 0; --i) change_one(&*message, random);
     if (below(8, random) != 0) state_number_of_arguments(&*message);

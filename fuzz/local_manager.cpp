@@ -6,7 +6,7 @@
 #include "manager/packet_socket.h"
 #include "manager/requests.h"
 
-LocalManager::LocalManager() : listener_(manager::listen_at(manager::kDefaultPath)) {}
+LocalManager::LocalManager() : listener_(manager::kDefaultPath) {}
 
 void LocalManager::take(const std::string& packet) {
     if (packet == "EXIT") return;

@@ -5,6 +5,7 @@
 
 #include "manager/answers.h"
 #include "manager/file_descriptor.h"
+#include "manager/listening_socket.h"
 
 // The least of a Manager that a client can connect to and be ready at. It keeps nothing of what it
 // is told. Used by one thread, but for take(): packets that are not answered may come on others.
@@ -29,7 +30,7 @@ class LocalManager {
   private:
     void accept_latest();
 
-    const manager::FileDescriptor listener_;
+    const manager::ListeningSocket listener_;
     manager::FileDescriptor connection_;
     manager::Answers answers_;
     std::uint64_t sent_ = 0;
