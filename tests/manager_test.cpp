@@ -30,7 +30,7 @@ class Client {
     Client() {
         sockaddr_un address{AF_UNIX, {}};
         std::string(kDefaultPath).copy(address.sun_path, sizeof(address.sun_path));
-        const timeval patience{5, 0};
+        const timeval patience{30, 0};  // in an emulator, 10 s are not rare
         const int bytes = 2 * kLarge;
         setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
         setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
