@@ -1,0 +1,9 @@
+#pragma once
+
+namespace bench {
+
+// Each registers the benchmarks of the file of its name.
+void register_decoding();
+void register_tasks();
+
+}  // namespace bench
