@@ -92,9 +92,11 @@ Message small_request() {
 
 std::vector<Message> whole_way_messages() {
     std::vector<Message> messages = {small_request()};
-    for (const std::size_t count : {1, 10, 100, 1'000}) messages.push_back(scalars("int32", count));
-    for (const std::size_t count : {1, 100, 10'000}) messages.push_back(vector_of("int32", count));
-    for (const std::size_t depth : {1, 4, 8}) messages.push_back(nested_structs(depth));
+    for (const std::size_t count : {1U, 10U, 100U, 1'000U})
+        messages.push_back(scalars("int32", count));
+    for (const std::size_t count : {1U, 100U, 10'000U})
+        messages.push_back(vector_of("int32", count));
+    for (const std::size_t depth : {1U, 4U, 8U}) messages.push_back(nested_structs(depth));
     return messages;
 }
 

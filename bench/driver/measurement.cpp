@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <thread>
 
 namespace bench {
 namespace {
@@ -14,6 +15,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kCore = 0;
 constexpr unsigned kWarmUpShare = 5;
+constexpr std::chrono::milliseconds kPause{2};  // in which the task's thread ends
 
 // The clock is read once for each call: the end of one is the start of the next.
 class Burst {
@@ -147,6 +149,7 @@ void drive(const std::string& contender, const std::vector<std::string>& under,
     for (std::size_t i = 0; i < tasks; ++i) {
         service->caller->start(0);
         service->caller->finish();
+        std::this_thread::sleep_for(kPause);
     }
 }
 

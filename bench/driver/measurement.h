@@ -49,7 +49,8 @@ using Results = std::map<std::tuple<Setting, std::string, Placement>, Series>;
 // machine does hits all of them alike.
 Results measure_all(const Effort& effort);
 
-// Has one service handle exactly `tasks` calls, one after the other.
+// Has one service handle exactly `tasks` calls, each when the one before has left no trace, so that
+// counts of what the service did can be repeated.
 void drive(const std::string& contender, const std::vector<std::string>& under,
            const std::string& message, std::size_t tasks);
 

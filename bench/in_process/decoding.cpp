@@ -21,16 +21,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kTurn = 16;  // messages, so that reading the clock does not count
-constexpr std::size_t kValuesPerIteration = 1'000;
-constexpr int kIterations = 25;
+constexpr int kLeast = 11;  // times, so that one disturbance does not make the median
 
 const char* const kScalarTypes[] = {"uint8",   "uint16", "uint32",  "uint64", "int8",
                                     "int16",   "int32",  "int64",   "double", "string",
                                     "boolean", "enum",   "bnry_blb"};
 
 struct Times {
-    std::vector<double> parse;  // of one message
+    std::vector<double> parse;
     std::vector<double> decode;
 };
 
@@ -44,25 +42,20 @@ class Decoding {
   public:
     explicit Decoding(const Message& message) : text_(exec_task_text(message, kFirstTransaction)) {}
 
-    // Returns the time that decoding took, for each message.
-    double run(std::size_t messages) {
-        std::vector<Json::Value> roots(messages);
-        std::vector<vexon_func_call_info_t> calls(messages);
+    // Returns the time that decoding took.
+    double run() {
+        Json::Value root;
+        vexon_func_call_info_t call{};
         const auto begin = Clock::now();
-        for (Json::Value& root : roots) {
-            reader_->parse(text_.data(), text_.data() + text_.size(), &root, nullptr);
-        }
+        reader_->parse(text_.data(), text_.data() + text_.size(), &root, nullptr);
         const auto between = Clock::now();
-        int failures = 0;
-        for (std::size_t i = 0; i < messages; ++i)
-            failures += AddParamsToQueues(roots[i], &calls[i]);
+        const int failed = AddParamsToQueues(root, &call);
         const auto end = Clock::now();
-        for (const auto& call : calls) ClearParamsFromQueues(call);
-        if (failures != 0) throw std::runtime_error("cannot decode " + text_);
+        ClearParamsFromQueues(call);
+        if (failed != 0) throw std::runtime_error("cannot decode " + text_);
 
-        const auto count = static_cast<double>(messages);
-        times_.parse.push_back(std::chrono::duration<double>(between - begin).count() / count);
-        times_.decode.push_back(std::chrono::duration<double>(end - between).count() / count);
+        times_.parse.push_back(std::chrono::duration<double>(between - begin).count());
+        times_.decode.push_back(std::chrono::duration<double>(end - between).count());
         return times_.decode.back();
     }
 
@@ -77,16 +70,9 @@ class Decoding {
 using MakeMessage = Message (*)(const std::string& type, std::size_t count);
 
 void decode(benchmark::State& state, MakeMessage make, const std::string& type) {
-    const auto values = static_cast<std::size_t>(state.range(0));
-    Decoding decoding(make(type, values));
-    const std::size_t turns = std::max<std::size_t>(1, kValuesPerIteration / values / kTurn);
-    const std::size_t messages =
-        std::min(kTurn, std::max<std::size_t>(1, kValuesPerIteration / values));
-    for (auto iteration : state) {
-        double time = 0;
-        for (std::size_t turn = 0; turn < turns; ++turn) time += decoding.run(messages);
-        state.SetIterationTime(time / static_cast<double>(turns));
-    }
+    Decoding decoding(make(type, static_cast<std::size_t>(state.range(0))));
+    for (int i = 0; i < kLeast; ++i) decoding.run();
+    for (auto iteration : state) state.SetIterationTime(decoding.run());
     const double parse = median(decoding.times().parse);
     const double own = median(decoding.times().decode);
     state.counters["decode_ns"] = own * 1e9;
@@ -103,7 +89,7 @@ void add(const std::string& name, MakeMessage make, const std::string& type,
          const std::vector<std::int64_t>& counts) {
     auto* const family = benchmark::RegisterBenchmark(
         name.c_str(), [=](benchmark::State& state) { decode(state, make, type); });
-    family->ArgsProduct({counts})->UseManualTime()->Iterations(kIterations)->Complexity();
+    family->ArgsProduct({counts})->UseManualTime()->Complexity(benchmark::oN);
 }
 
 void look_up_types(benchmark::State& state) {

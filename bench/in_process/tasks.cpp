@@ -113,7 +113,7 @@ void register_tasks() {
         ->RangeMultiplier(4)
         ->Range(1, 256)
         ->UseRealTime()
-        ->Complexity();
+        ->Complexity(benchmark::oN);
 }
 
 }  // namespace bench

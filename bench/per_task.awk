@@ -1,0 +1,68 @@
+# From counts of two numbers of tasks: counts for each task, by message, contender and kind of thread,
+# and for the first message by function, where the counts tell it.
+# Fields: message, contender, kind of thread, function, tasks, count.
+
+{
+    if (!(message_number[$1])) {
+        message_number[$1] = ++messages
+        message_name[messages] = $1
+    }
+    if (!few || $5 < few) few = $5
+    if ($5 > many) many = $5
+    count[$1, $2, $3, $5] += $6
+    if ($4 == "" || message_number[$1] > 1) next
+    site = $2 "\t" $3 "\t" $4
+    sites[site] = 1
+    at_site[site, $5] += $6
+}
+
+END {
+    if (sites_exist()) print "Allocations for each task\n"; else print "Instructions for each task\n"
+    printf "%-24s %32s  %32s %8s\n", "", "library", "floor", ""
+    printf "%-24s %10s %10s %10s  %10s %10s %10s %8s\n", "", "receive", "worker", "sum", "receive",
+           "worker", "sum", "ratio"
+    for (i = 1; i <= messages; ++i) {
+        message = message_name[i]
+        printf "%-24s%s %s %8.2f\n", message, cells("library"), cells("floor"),
+               sum("library") / sum("floor")
+    }
+    if (sites_exist()) show_sites(message_name[1])
+}
+
+function sites_exist(   site) {
+    for (site in sites) return 1
+    return 0
+}
+
+# What each further task adds.
+function more(of_many, of_few) { return (of_many - of_few) / (many - few) }
+
+function per_task(contender, kind) {
+    return more(count[message, contender, kind, many], count[message, contender, kind, few])
+}
+
+function sum(contender) { return per_task(contender, "receive") + per_task(contender, "worker") }
+
+function cells(contender) {
+    return sprintf(" %10.1f %10.1f %10.1f", per_task(contender, "receive"),
+                   per_task(contender, "worker"), sum(contender))
+}
+
+# A function's name without what is inside its outermost parentheses.
+function shortened(name) {
+    gsub(/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/,
+         "std::string", name)
+    return length(name) > 110 ? substr(name, 1, 107) "..." : name
+}
+
+function show_sites(message,   site, part, each, command) {
+    printf "\nWhere they are made: %s\n\n", message
+    command = "sort -k1,1r -k2,2 -k3,3nr"
+    for (site in sites) {
+        each = more(at_site[site, many], at_site[site, few])
+        if (each < 0.01) continue
+        split(site, part, "\t")
+        printf "%-8s %-8s %5.1f  %s\n", part[1], part[2], each, shortened(part[3]) | command
+    }
+    close(command)
+}
