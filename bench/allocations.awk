@@ -1,5 +1,5 @@
-# From callgrind's profiles of the threads of one run: a line for each kind of thread and each function
-# that allocates there, with the number of its allocations.
+# From callgrind's profiles of the threads of one run: a line for each kind of thread and each
+# function that allocates there, with the number of its allocations.
 
 FNR == 1 {
     thread = FILENAME

@@ -1,10 +1,10 @@
-# From Google Benchmark's CSV: the time of decoding as a share of jsoncpp's parse of the same message,
-# by type and count.
+# From Google Benchmark's CSV: the time of decoding as a share of jsoncpp's parse of the same
+# message, by type and count.
 
 BEGIN {
     FS = ","
     print "Decoding of arguments as a share of jsoncpp's parse of the same message\n"
-    print "By number of values; the time of decoding is that for each value of the largest message\n"
+    print "By number of values; the time is that of decoding each value of the largest message\n"
 }
 
 { gsub(/"/, "") }

@@ -1,5 +1,5 @@
-# From callgrind's profiles of the threads of one run: a line for each kind of thread, with the number
-# of its instructions.
+# From callgrind's profiles of the threads of one run: a line for each kind of thread, with the
+# number of its instructions.
 
 FNR == 1 {
     thread = FILENAME

@@ -1,5 +1,5 @@
-# From counts of two numbers of tasks: counts for each task, by message, contender and kind of thread,
-# and for the first message by function, where the counts tell it.
+# From counts of two numbers of tasks: counts for each task, by message, contender and kind of
+# thread, and for the first message by function, where the counts tell it.
 # Fields: message, contender, kind of thread, function, tasks, count.
 
 {
@@ -7,8 +7,8 @@
         message_number[$1] = ++messages
         message_name[messages] = $1
     }
-    if (!few || $5 < few) few = $5
-    if ($5 > many) many = $5
+    if (!few[$1] || $5 < few[$1]) few[$1] = $5
+    if ($5 > many[$1]) many[$1] = $5
     count[$1, $2, $3, $5] += $6
     if ($4 == "" || message_number[$1] > 1) next
     site = $2 "\t" $3 "\t" $4
@@ -17,8 +17,8 @@
 }
 
 END {
-    if (sites_exist()) print "Allocations for each task\n"; else print "Instructions for each task\n"
-    printf "%-24s %32s  %32s %8s\n", "", "library", "floor", ""
+    print (sites_exist() ? "Allocations" : "Instructions") " for each task\n"
+    printf "%-24s %32s  %32s\n", "", "library", "floor"
     printf "%-24s %10s %10s %10s  %10s %10s %10s %8s\n", "", "receive", "worker", "sum", "receive",
            "worker", "sum", "ratio"
     for (i = 1; i <= messages; ++i) {
@@ -26,7 +26,7 @@ END {
         printf "%-24s%s %s %8.2f\n", message, cells("library"), cells("floor"),
                sum("library") / sum("floor")
     }
-    if (sites_exist()) show_sites(message_name[1])
+    if (sites_exist()) show_sites()
 }
 
 function sites_exist(   site) {
@@ -35,10 +35,11 @@ function sites_exist(   site) {
 }
 
 # What each further task adds.
-function more(of_many, of_few) { return (of_many - of_few) / (many - few) }
+function more(of_many, of_few) { return (of_many - of_few) / (many[message] - few[message]) }
 
 function per_task(contender, kind) {
-    return more(count[message, contender, kind, many], count[message, contender, kind, few])
+    return more(count[message, contender, kind, many[message]],
+                count[message, contender, kind, few[message]])
 }
 
 function sum(contender) { return per_task(contender, "receive") + per_task(contender, "worker") }
@@ -48,18 +49,18 @@ function cells(contender) {
                    per_task(contender, "worker"), sum(contender))
 }
 
-# A function's name without what is inside its outermost parentheses.
 function shortened(name) {
     gsub(/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/,
          "std::string", name)
     return length(name) > 110 ? substr(name, 1, 107) "..." : name
 }
 
-function show_sites(message,   site, part, each, command) {
+function show_sites(   site, part, each, command) {
+    message = message_name[1]
     printf "\nWhere they are made: %s\n\n", message
     command = "sort -k1,1r -k2,2 -k3,3nr"
     for (site in sites) {
-        each = more(at_site[site, many], at_site[site, few])
+        each = more(at_site[site, many[message]], at_site[site, few[message]])
         if (each < 0.01) continue
         split(site, part, "\t")
         printf "%-8s %-8s %5.1f  %s\n", part[1], part[2], each, shortened(part[3]) | command
