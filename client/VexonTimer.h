@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <string>
 
 #include "client/logging.h"
 
@@ -23,19 +22,21 @@ class VexonTimer {
           transaction_id_(transaction_id) {}
 
     // Takes the time and logs it after `label`, with the ids that were given, at debug priority.
-    void stop(const std::string& label) {
+    // The log puts the line together, and only if it is not going to drop it.
+    void stop(const char* label) {
         stop_ = std::chrono::steady_clock::now();
-        std::string line = label;
-        if (session_id_ != kNotGiven) {
-            line += " sessionId " + std::to_string(session_id_);
-            if (transaction_id_ != kNotGiven) {
-                line += " transactionId " + std::to_string(transaction_id_);
-            }
+        const auto elapsed =
+            static_cast<long long>(std::chrono::duration_cast<Duration>(stop_ - start_).count());
+        const char unit[] = {unit_, '\0'};
+        if (session_id_ == kNotGiven) {
+            log_with_priority(ANDROID_LOG_DEBUG, "%s %lld%ss", label, elapsed, unit);
+        } else if (transaction_id_ == kNotGiven) {
+            log_with_priority(ANDROID_LOG_DEBUG, "%s sessionId %u %lld%ss", label, session_id_,
+                              elapsed, unit);
+        } else {
+            log_with_priority(ANDROID_LOG_DEBUG, "%s sessionId %u transactionId %u %lld%ss", label,
+                              session_id_, transaction_id_, elapsed, unit);
         }
-        line += ' ' + std::to_string(std::chrono::duration_cast<Duration>(stop_ - start_).count());
-        if (unit_ != 0) line += unit_;
-        line += 's';
-        log_with_priority(ANDROID_LOG_DEBUG, "%s", line.c_str());
     }
 
   private:

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "client/VexonTimer.h"
 #include "client/call_record.h"
@@ -46,11 +47,12 @@ bool session_is_ready(std::uint32_t session_id, ServiceKey service) {
 }
 
 // Starts the worker, which from then on owns the call and its arguments.
-void start_worker(CallRecord call, vexon_exec_callback_t task, const vexon_func_call_info_t& args) {
+void start_worker(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
+    const vexon_func_call_info_t queues{{}, 0, args.value_queue, args.type_queue};
     try {
-        start_thread(calling_wrapper, call.get(), task, args).detach();
+        start_thread(calling_wrapper, call.get(), task, std::move(args)).detach();
     } catch (...) {
-        ClearParamsFromQueues(args);
+        ClearParamsFromQueues(queues);
         throw;
     }
     static_cast<void>(call.release());
@@ -100,7 +102,7 @@ int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task) {
         static_cast<void>(call.release());
         return -1;
     }
-    start_worker(std::move(call), task, args);
+    start_worker(std::move(call), task, std::move(args));
     timer.stop("KRV handleExecTask time taken from VEXON mgr to MIRT");
     return 0;
 }

@@ -1,8 +1,10 @@
 #include "client/json_access.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -16,18 +18,36 @@ Json::CharReader* make_reader() {
     return builder.newCharReader();
 }
 
-bool is_opening(char c) {
-    return c == '[' || c == '{';
+enum class Mark : unsigned char { kNone, kOpening, kClosing, kQuote, kSlash };
+
+constexpr std::array<Mark, 256> mark_table() {
+    std::array<Mark, 256> table{};
+    table['['] = table['{'] = Mark::kOpening;
+    table[']'] = table['}'] = Mark::kClosing;
+    table['"'] = Mark::kQuote;
+    table['/'] = Mark::kSlash;
+    return table;
 }
 
-bool is_closing(char c) {
-    return c == ']' || c == '}';
+constexpr std::array<Mark, 256> kMarks = mark_table();
+
+const char* find(char c, const char* at, const char* end) {
+    const void* const found = std::memchr(at, c, static_cast<std::size_t>(end - at));
+    return found == nullptr ? end : static_cast<const char*>(found);
 }
 
-// Returns the end of the string whose first quote is before `at`.
+// Returns the end of the string whose first quote is before `at`. A quote behind an odd number of
+// backslashes is part of it.
 const char* skip_string(const char* at, const char* end) {
-    while (at != end && *at != '"') at += (*at == '\\' && at + 1 != end) ? 2 : 1;
-    return at == end ? end : at + 1;
+    while (at != end) {
+        const char* const quote = find('"', at, end);
+        if (quote == end) return end;
+        const char* escape = quote;
+        while (escape != at && escape[-1] == '\\') --escape;
+        if ((quote - escape) % 2 == 0) return quote + 1;
+        at = quote + 1;
+    }
+    return end;
 }
 
 // Returns the end of the comment whose slash is before `at`, or `at` if that begins none.
@@ -40,23 +60,18 @@ const char* skip_comment(const char* at, const char* end) {
     return closing == end ? end : closing + sizeof kClosing;
 }
 
-std::ptrdiff_t deepest_level(const char* at, const char* end) {
+bool nests_too_deeply(const char* at, const char* end) {
+    if (end - at <= kMostLevels) return false;  // as are most messages
     std::ptrdiff_t level = 0;
-    std::ptrdiff_t deepest = 0;
     while (at != end) {
-        const char c = *at++;
-        if (c == '"') at = skip_string(at, end);
-        if (c == '/') at = skip_comment(at, end);
-        if (is_opening(c)) deepest = std::max(deepest, ++level);
-        if (is_closing(c)) --level;
+        const Mark mark = kMarks[static_cast<unsigned char>(*at++)];
+        if (mark == Mark::kNone) continue;
+        if (mark == Mark::kQuote) at = skip_string(at, end);
+        if (mark == Mark::kSlash) at = skip_comment(at, end);
+        if (mark == Mark::kClosing) --level;
+        if (mark == Mark::kOpening && ++level > kMostLevels) return true;
     }
-    return deepest;
-}
-
-bool nests_too_deeply(const char* begin, const char* end) {
-    // Few brackets cannot nest deeply, wherever they are. That is nearly always so and quick.
-    if (std::count_if(begin, end, is_opening) <= kMostLevels) return false;
-    return deepest_level(begin, end) > kMostLevels;
+    return false;
 }
 
 }  // namespace

@@ -102,7 +102,8 @@ class ReceiveLoop {
     // A packet may fill the buffer to the last byte: its length bounds the text, not a NUL alone.
     bool parse(std::size_t size, Json::Value* message) {
         const char* const begin = buffer_.data();
-        const char* const end = std::find(begin, begin + size, '\0');
+        const void* const nul = std::memchr(begin, '\0', size);
+        const char* const end = nul == nullptr ? begin + size : static_cast<const char*>(nul);
         return reader_.parse(begin, end, message, nullptr) && message->isObject();
     }
 

@@ -6,6 +6,7 @@
 namespace {
 
 constexpr const char* kNoResult = "-1";
+constexpr std::size_t kRoomForTheRest = 192;  // keys and numbers, at their longest
 
 std::string plain_result(const _vexon_call_info_t& call, const std::string& req_type) {
     return "{\"req_type\":\"" + req_type + "\", \"Result\":\"" + call.func + "\"}";
@@ -13,7 +14,9 @@ std::string plain_result(const _vexon_call_info_t& call, const std::string& req_
 
 std::string task_response(const _vexon_call_info_t& call) {
     const bool has_result = call.func != kNoResult;
-    std::string text = "{\"opcode\":\"";
+    std::string text;
+    text.reserve(call.opcode.size() + call.name.size() + call.func.size() + kRoomForTheRest);
+    text += "{\"opcode\":\"";
     text += call.opcode;
     text += "\",\"name\":\"";
     text += call.name;

@@ -12,10 +12,10 @@ namespace {
 
 int add_scalar(const Json::Value& arg, const std::string& type_name, vexon_data_type_t type, int id,
                vexon_func_call_info_t* info) {
-    const auto value = decode_scalar(type, member(arg, "value"), type_name, kArgumentMessages);
+    auto value = decode_scalar(type, member(arg, "value"), type_name, kArgumentMessages);
     if (value == nullptr) return -1;
     QueueInsertion(info, id, value, type);
-    value_QueueInsertion(info, id, value);
+    value_QueueInsertion(info, id, std::move(value));
     return 0;
 }
 

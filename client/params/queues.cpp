@@ -7,7 +7,8 @@ namespace {
 template <class Queue, class Entry>
 void insert_into(Queue** queue, int key, Entry entry) {
     if (*queue == nullptr) *queue = new Queue;
-    (*queue)->insert({key, std::move(entry)});
+    // Keys mostly come in ascending order. The first of a key stays.
+    (*queue)->try_emplace((*queue)->end(), key, std::move(entry));
 }
 
 template <class Queue>

@@ -10,10 +10,10 @@ namespace {
 int add_scalar_member(const Json::Value& entry, const std::string& type_name,
                       vexon_data_type_t type, int id, vexon_type_map_t* typed,
                       vexon_value_map_t* values) {
-    const auto value = decode_scalar(type, member(entry, "value"), type_name, kMemberMessages);
+    auto value = decode_scalar(type, member(entry, "value"), type_name, kMemberMessages);
     if (value == nullptr) return -1;
-    typed->insert({id, {type, value}});
-    values->insert({id, value});
+    typed->try_emplace(typed->end(), id, type, value);
+    values->try_emplace(values->end(), id, std::move(value));
     return 0;
 }
 
@@ -63,10 +63,10 @@ int AddStructVectorParams(const Json::Value& entry, int, int id, vexon_type_map_
         if (type_name == "none") return -1;
         const vexon_data_type_t type = data_type_of(type_name);
         if (!is_scalar_type(type)) return 0;
-        const auto value = decode_scalar_vector(type, member(entry, "value"), type_name);
+        auto value = decode_scalar_vector(type, member(entry, "value"), type_name);
         if (value == nullptr) return -1;
-        typed->insert({id, {vector_tag(type), value}});
-        values->insert({id, value});
+        typed->try_emplace(typed->end(), id, vector_tag(type), value);
+        values->try_emplace(values->end(), id, std::move(value));
         return 0;
     });
 }

@@ -12,10 +12,10 @@ namespace {
 
 int add_scalar_vector(const Json::Value& arg, const std::string& type_name, vexon_data_type_t type,
                       int id, vexon_func_call_info_t* info) {
-    const auto value = decode_scalar_vector(type, member(arg, "value"), type_name);
+    auto value = decode_scalar_vector(type, member(arg, "value"), type_name);
     if (value == nullptr) return -1;
     QueueInsertion(info, id, value, vector_tag(type));
-    value_QueueInsertion(info, id, value);
+    value_QueueInsertion(info, id, std::move(value));
     return 0;
 }
 
