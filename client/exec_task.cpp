@@ -46,9 +46,14 @@ bool session_is_ready(std::uint32_t session_id, ServiceKey service) {
     return true;
 }
 
+// The part of the arguments that has to be released; without the name, so that it costs no memory.
+vexon_func_call_info_t queues_of(const vexon_func_call_info_t& args) {
+    return {{}, 0, args.value_queue, args.type_queue};
+}
+
 // Starts the worker, which from then on owns the call and its arguments.
 void start_worker(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
-    const vexon_func_call_info_t queues{{}, 0, args.value_queue, args.type_queue};
+    const vexon_func_call_info_t queues = queues_of(args);
     try {
         start_thread(calling_wrapper, call.get(), task, std::move(args)).detach();
     } catch (...) {
@@ -111,7 +116,7 @@ void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
                      vexon_func_call_info_t args) {
     const CallRecord record(call);
     run_task(call, task, args);
-    ClearParamsFromQueues(args);
+    ClearParamsFromQueues(queues_of(args));
     send_reply(call);
 }
 

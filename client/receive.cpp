@@ -94,8 +94,8 @@ class ReceiveLoop {
             stop_receiving(receiver_);
             return false;
         }
-        if (next == AfterMessage::kGrowBuffer) grow_buffer();
         if (next != AfterMessage::kKeepBuffer) clear_buffer(size);
+        if (next == AfterMessage::kGrowBuffer) grow_buffer();
         return true;
     }
 

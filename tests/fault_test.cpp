@@ -81,18 +81,21 @@ TEST_F(ServiceTest, AMessageForWhichMemoryIsMissingIsDropped) {
     EXPECT_TRUE(manager_.await_reply(manager_.exec_task({6, kOpcode, 1, "f"}), kSoon));
 }
 
-TEST_F(ServiceTest, AReplyForWhichMemoryIsMissingIsNotSent) {
+TEST_F(ServiceTest, MissingMemoryAfterATaskCostsItsReplyAtMost) {
     ASSERT_NO_FATAL_FAILURE(
         init_and_offer([](_vexon_call_info_t* call, vexon_func_call_info_t args) {
             if (args.func_name == "large") call->func.assign(kLargeBlock, 'x');
             may_fail_here();
+            fail(Call::kNew, ENOMEM);
             return 0;
         }));
     ASSERT_NO_FATAL_FAILURE(open_session(5));
-    fail(Call::kNew, ENOMEM);
     manager_.exec_task({5, kOpcode, 1, "large"});
     EXPECT_TRUE(log_.wait_for("Out of memory", kSoon));
-    EXPECT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "small"}), kSoon));
+    for (const std::string& name : {std::string("small"), std::string(kLargeBlock, 'n')}) {
+        fail(Call::kNew, 0, 0);
+        EXPECT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, name}), kSoon));
+    }
 }
 
 #endif

@@ -63,6 +63,8 @@ const Message kWithSessions[] = {
     {"opening brackets only", std::string(1'000'000, '['), kNotParsed},
     {"many brackets, not nested", R"({"req_type":"flat","a":[)" + many_arrays() + "]}",
      "Unknown request type 'flat'"},
+    {"brackets behind the object", R"({"req_type":"end"} )" + std::string(2000, '['),
+     "Unknown request type 'end'"},
     {"brackets in text", R"({"req_type":"text","a":"\"\\)" + std::string(2000, '[') + "\"}",
      "Unknown request type 'text'"},
     // The end of a connection cannot be told from it.
