@@ -31,6 +31,7 @@ void SimulatedManager::set_answering(
     bool answering, const std::function<void(const std::vector<int>& clients)>& at_once) {
     const Lock lock(mutex_);
     answering_ = answering;
+    if (!answering) delayed_.clear();
     if (at_once) at_once(client_numbers());
 }
 

@@ -20,6 +20,8 @@ class DelayedAnswers {
 
     void add(Time due, Answer answer) { answers_.emplace(due, std::move(answer)); }
 
+    void clear() { answers_.clear(); }
+
     /// For how long poll() may wait until the first is due; -1 if there is none.
     int poll_timeout(Time now) const;
 

@@ -96,10 +96,11 @@ void remove_stale_socket(const std::string& path, const sockaddr_un& address) {
 
 ListeningSocket::ListeningSocket(const std::string& path)
     : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), path_(path) {
+    if (!socket_.valid()) fail(path);
     const sockaddr_un address = address_of(path);
     const FileDescriptor lock = lock_directory(path);
     remove_stale_socket(path, address);
-    if (!socket_.valid() || with_address(bind, socket_.get(), address) != 0) fail(path);
+    if (with_address(bind, socket_.get(), address) != 0) fail(path);
     struct stat status {};
     // Services may run as another user than the Manager.
     if (lstat(path.c_str(), &status) != 0 || chmod(path.c_str(), 0666) != 0 ||

@@ -104,6 +104,15 @@ ReplayOptions replay_options(const Options& options) {
     return result;
 }
 
+/// Opens the files of the command line. Throws ManagerError.
+void open_files(const Options& options, CommandContext& context, std::optional<Replay>* replay) {
+    // Before the Manager listens: no service may be answered otherwise than recorded.
+    if (!options.replay.empty()) {
+        replay->emplace(options.replay, replay_options(options), context);
+    }
+    if (!options.record.empty()) context.traffic.recorder.start(options.record);
+}
+
 int run(const Options& options) {
     Console console(!options.quiet, options.format);
     console.set_broken_output([] { Interruption::interrupt(SIGPIPE); });
@@ -113,9 +122,11 @@ int run(const Options& options) {
     traffic.follow(simulated, console);
     CommandContext context{simulated, console, interruption, traffic};
     std::optional<Replay> replay;
-    // Before the Manager listens: no service may be answered otherwise than recorded.
-    if (!options.replay.empty()) replay.emplace(options.replay, replay_options(options), context);
-    if (!options.record.empty()) traffic.recorder.start(options.record);
+    try {
+        open_files(options, context, &replay);
+    } catch (const ManagerError& error) {
+        return fail(kCommandFailed, error.what());
+    }
     simulated.start();
     const int status =
         replay ? run_step(

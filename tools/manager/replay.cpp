@@ -70,7 +70,9 @@ void Replay::play(const RecordedEvent& event) {
         case Kind::ToClient:
             return send(event);
         case Kind::Closed:
-            // The Manager never closes one connection alone.
+            // The Manager never closes one connection alone: the others' ends may be known already,
+            // and their clients be back.
+            note_all();
             if (client_of(event).connected) context_.manager.close_clients();
             return await_end(event);
         case Kind::Left:
@@ -163,6 +165,14 @@ void Replay::await(const RecordedEvent& event, Done done, Complaint complaint) {
     }
 }
 
+/// Takes note of what has happened so far.
+void Replay::note_all() {
+    const auto now = std::chrono::steady_clock::now();
+    while (const auto event = context_.traffic.events.next(context_.interruption, now)) {
+        note(*event);
+    }
+}
+
 void Replay::note(const EventQueue::Event& event) {
     std::visit([this](const auto& happened) { note(happened); }, event);
 }
@@ -206,11 +216,9 @@ Replay::Client& Replay::client_of(const RecordedEvent& event) {
 }
 
 void Replay::require_nothing_left() {
-    const auto now = std::chrono::steady_clock::now();
-    while (const auto event = context_.traffic.events.next(context_.interruption, now))
-        note(*event);
-    for (const auto& [recorded, number] : numbers_) {
-        const auto& packets = clients_.at(number).packets;
+    note_all();
+    for (const auto& [number, client] : clients_) {
+        const auto& packets = client.packets;
         if (packets.empty()) continue;
         fail(events_.back(), fmt::format("{} packets came from client {} that were not recorded:"
                                          "\n    {}",

@@ -63,6 +63,7 @@ class Replay {
     /// Waits until `done()`, or throws CommandFailed with what `complaint()` returns.
     template <typename Done, typename Complaint>
     void await(const RecordedEvent& event, Done done, Complaint complaint);
+    void note_all();
     void note(const EventQueue::Event& event);
     void note(const Packet& packet);
     void note(const ConnectionChange& change);
