@@ -17,10 +17,11 @@
 ///     uint8    unsigned char      int8    signed char    double    double
 ///     uint16   unsigned short     int16   short          string    std::string
 ///     uint32   unsigned int       int32   int            boolean   bool
-///     uint64   unsigned long      int64   long           enum      vexon::Enum, held as int
-///     struct   vexon::Struct                             bnry_blb  vexon::Blob, held as
-///     std::string vector   std::vector of the above: std::vector<vexon::Enum> is held as
-///     std::vector<int>
+///     uint64   unsigned long      int64   long           enum      vexon::Enum
+///     struct   vexon::Struct                             bnry_blb  vexon::Blob
+///
+/// A vector of them is a std::vector. What differs is what a value is held as: vexon::Enum as int,
+/// vexon::Blob as std::string, std::vector<vexon::Enum> as std::vector<int> and so on.
 ///
 /// Ownership. What get(), members() and Member return points into the call and is gone when the
 /// exec callback has returned; get_shared() keeps a value beyond that. Only type_queue is used.
