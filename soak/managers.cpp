@@ -8,13 +8,15 @@
 namespace soak {
 namespace {
 
+constexpr std::string_view kReady = R"("req_type":"REDY")";
+
 bool contains(const std::string& text, std::string_view part) {
     return text.find(part) != std::string::npos;
 }
 
 bool is_answered_by_manager(const std::string& text) {
     constexpr std::array<std::string_view, 6> kTypes = {
-        R"("req_type":"INIT")",       R"("req_type":"AUTH")",       R"("req_type":"REDY")",
+        R"("req_type":"INIT")",       R"("req_type":"AUTH")",       kReady,
         R"("req_type":"PERMISSION")", R"("req_type":"INFO_QUERY")", R"("req_type":"INFO_MNTR")"};
     return std::any_of(kTypes.begin(), kTypes.end(),
                        [&](std::string_view type) { return contains(text, type); });
@@ -41,9 +43,7 @@ std::unique_ptr<manager::SimulatedManager> Managers::open(const char* path) {
         opened->set_info(info_name(number), info_text(number));
     }
     opened->set_observer(
-        [this](const manager::Packet& packet) {
-            if (is_wanted(packet)) inbox_.add(packet);
-        },
+        [this, from = opened.get()](const manager::Packet& packet) { note(from, packet); },
         [this](int, bool connected) {
             if (!connected) inbox_.add(Disconnection{});
         });
@@ -57,19 +57,30 @@ void Managers::start() {
 }
 
 void Managers::stop() {
+    service_ = {};
     plain_.reset();
     dedicated_.reset();
 }
 
+void Managers::note(manager::SimulatedManager* from, const manager::Packet& packet) {
+    if (packet.direction == manager::Direction::FromClient && contains(packet.text, kReady)) {
+        const std::lock_guard lock(mutex_);
+        latest_ = {from, packet.client};
+    }
+    if (is_wanted(packet)) inbox_.add(packet);
+}
+
+void Managers::follow_service() {
+    const std::lock_guard lock(mutex_);
+    service_ = latest_;
+}
+
 void Managers::send(const std::string& text) {
-    for (auto* const manager : {plain_.get(), dedicated_.get()}) {
-        if (manager == nullptr) continue;
-        try {
-            manager->send_for_opcode(kServices[0].opcode, text);
-            return;
-        } catch (const manager::ManagerError&) {
-            // The service is not at this socket.
-        }
+    if (service_.manager == nullptr) return;
+    try {
+        service_.manager->send(service_.number, text);
+    } catch (const manager::ManagerError&) {
+        service_ = {};
     }
 }
 

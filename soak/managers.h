@@ -5,6 +5,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "inbox.h"
@@ -24,13 +25,26 @@ class Managers {
     // What clients have sent until the end of their connections is in the inbox afterwards.
     void stop();
 
-    // Sends to the service, if there is one.
+    // Takes the client that has declared a service ready last for the one to send to. Another that
+    // comes after it gets nothing until this is called again.
+    void follow_service();
+
+    // Sends to the service; what is meant for one that has gone is dropped.
     void send(const std::string& text);
 
   private:
+    struct Client {
+        manager::SimulatedManager* manager = nullptr;
+        int number = 0;
+    };
+
     std::unique_ptr<manager::SimulatedManager> open(const char* path);
+    void note(manager::SimulatedManager* from, const manager::Packet& packet);
 
     Inbox& inbox_;
+    Client service_;
+    std::mutex mutex_;
+    Client latest_;  // guarded by mutex_
     std::unique_ptr<manager::SimulatedManager> plain_;
     std::unique_ptr<manager::SimulatedManager> dedicated_;
 };

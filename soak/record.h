@@ -19,6 +19,7 @@ enum class RecordKind : std::uint32_t {
     kAnswered,     // a query got its own answer
     kWrongAnswer,  // a query got another answer
     kUnanswered,   // a query got none; first and second: the times of its begin and end
+    kTrimmed,      // has given back the memory that is not in use
     kMarkerSent,   // first: number of the marker
 };
 

@@ -1,11 +1,12 @@
 // The service process of the soak test. It knows the library by its public header only.
 //
 // Standard input: a letter per order, 'd' and 'p' to take leave of the Manager and start over on
-// the dedicated and on the plain socket; the end of the input ends the process. Standard output:
-// records. Standard error: what should not be.
+// the dedicated and on the plain socket, 't' to give back the memory that is not in use; the end of
+// the input ends the process. Standard output: records. Standard error: what should not be.
 
 #include <android-base/properties.h>
 #include <android/log.h>
+#include <malloc.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 #include <vexon2_0.h>
@@ -35,7 +36,7 @@ using namespace std::chrono_literals;
 constexpr int kQuestioners = 8;
 constexpr auto kRetryPause = 20ms;
 
-enum class Order { kStartOverDedicated, kStartOverPlain, kReconnected, kFinish };
+enum class Order { kStartOverDedicated, kStartOverPlain, kTrim, kReconnected, kFinish };
 
 // Orders that wait to be carried out by the main thread.
 class Orders {
@@ -219,20 +220,38 @@ void choose_socket(bool dedicated) {
                                dedicated ? "vendor.mirt.soak" : "vendor.mirt.other");
 }
 
+Order order_of(char letter) {
+    if (letter == 't') return Order::kTrim;
+    return letter == 'd' ? Order::kStartOverDedicated : Order::kStartOverPlain;
+}
+
 void read_orders() {
     char letter = 0;
-    while (::read(STDIN_FILENO, &letter, 1) == 1) {
-        gOrders.add(letter == 'd' ? Order::kStartOverDedicated : Order::kStartOverPlain);
-    }
+    while (::read(STDIN_FILENO, &letter, 1) == 1) gOrders.add(order_of(letter));
     gOrders.add(Order::kFinish);
+}
+
+int start_over(int id, Order reason) {
+    take_leave(id);
+    if (reason != Order::kReconnected) choose_socket(reason == Order::kStartOverDedicated);
+    return connect();
+}
+
+// The C library keeps what was released for the next time, the more the longer it goes on. Only
+// without that does the memory of the process tell what is in use.
+void trim() {
+    ::malloc_trim(0);
+    report({RecordKind::kTrimmed});
 }
 
 int serve_until_finished(int id) {
     const Questioners questioners(kQuestioners, gConnected);
     for (Order order = gOrders.take(); order != Order::kFinish; order = gOrders.take()) {
-        take_leave(id);
-        if (order != Order::kReconnected) choose_socket(order == Order::kStartOverDedicated);
-        id = connect();
+        if (order == Order::kTrim) {
+            trim();
+        } else {
+            id = start_over(id, order);
+        }
     }
     return id;
 }

@@ -13,6 +13,9 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t kInFlight = 64;
+// The tasks that a cycle begins with all run at the same time, so that the process has had as many
+// threads at once as it will ever have when it is warm.
+constexpr auto kCrowdNap = 150ms;
 constexpr std::size_t kSessions = 8;
 constexpr auto kSessionInterval = 20ms;
 constexpr auto kNoticeInterval = 3ms;
@@ -30,6 +33,7 @@ constexpr int kWarmUpShare = 4;  // a quarter of the run
 // Far beyond what anything takes that does not hang.
 constexpr auto kReadyLimit = 40s;
 constexpr auto kDrainLimit = 30s;
+constexpr auto kTrimLimit = 30s;
 constexpr auto kEndLimit = 20s;
 
 // The library does not release what it rejects while it decodes; that is so few tasks that the leak
@@ -50,13 +54,6 @@ auto& any_of_them(Range& range, Random& random) {
 std::uint64_t to_ns(std::chrono::steady_clock::time_point time) {
     return static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count());
-}
-
-// Most tasks take no time of their own, some a little, and few so much that they outlive a stop.
-std::chrono::milliseconds make_nap(Random& random) {
-    const auto chance = random() % 512;
-    if (chance == 0) return 300ms;
-    return chance < 32 ? std::chrono::milliseconds(1 + random() % 20) : 0ms;
 }
 
 std::string function_for(std::chrono::milliseconds nap, std::uint64_t digits) {
@@ -128,6 +125,7 @@ void Soak::run_cycles() {
 
 void Soak::run_load(Clock::time_point end) {
     const Clock::time_point begin = Clock::now();
+    crowd_ = kInFlight;
     for (Clock::time_point now = begin; now < end; now = Clock::now()) {
         start_due_session(now);
         end_old_sessions(now);
@@ -153,9 +151,23 @@ void Soak::drain() {
     });
 }
 
-// Nothing is under way, so that the figures of different times can be compared. A thread that has
-// sent its reply may yet have to end.
+// Nothing is under way, so that the figures of different times can be compared.
 void Soak::observe_usage() {
+    await_stillness();
+    trimmed_ = false;
+    service_.order('t');
+    await(
+        kTrimLimit, [this] { return trimmed_; }, [] { return "the service to give back memory"; });
+    const Usage usage = service_.usage();
+    last_usage_ = usage;
+    raise(highest_usage_, usage);
+    const bool is_warm =
+        cycles_ >= kRotation && Clock::now() - begin_ >= options_.duration / kWarmUpShare;
+    if (is_warm && !warm_) warm_ = usage;
+}
+
+// A thread that has sent its reply may yet have to end, and so may a receive thread.
+void Soak::await_stillness() {
     const auto limit = Clock::now() + kStillLimit;
     Usage usage = service_.usage();
     for (auto still = Clock::now() + kStillFor; Clock::now() < std::min(still, limit);) {
@@ -166,11 +178,6 @@ void Soak::observe_usage() {
         }
         usage = next;
     }
-    last_usage_ = usage;
-    raise(highest_usage_, usage);
-    const bool is_warm =
-        cycles_ >= kRotation && Clock::now() - begin_ >= options_.duration / kWarmUpShare;
-    if (is_warm && !warm_) warm_ = usage;
 }
 
 void Soak::stop(Stop kind) {
@@ -232,6 +239,7 @@ void Soak::await_ready(std::size_t times) {
         kReadyLimit, [&] { return times_ready_ >= times; },
         [] { return "the service to get ready"; });
     sessions_.clear();
+    managers_.follow_service();
 }
 
 void Soak::finish() {
@@ -270,10 +278,21 @@ void Soak::send_tasks() {
     }
 }
 
+// Most tasks take no time of their own, some a little, and few so much that they outlive a stop.
+std::chrono::milliseconds Soak::make_nap() {
+    if (crowd_ > 0) {
+        --crowd_;
+        return kCrowdNap;
+    }
+    const auto chance = random_() % 512;
+    if (chance == 0) return 300ms;
+    return chance < 32 ? std::chrono::milliseconds(1 + random_() % 20) : 0ms;
+}
+
 void Soak::send_task(const Session& session) {
     const manager::Target& target = any_of_them(session.targets, random_);
     const manager::Subsystem subsystem = any_of_them(target.subsystems, random_);
-    const auto nap = make_nap(random_);
+    const auto nap = make_nap();
     const std::string function = function_for(nap, random_());
     const Arguments arguments = make_arguments(random_);
     const std::uint64_t digest = hash_of(function + arguments.rendering);
@@ -465,6 +484,9 @@ void Soak::handle(const Record& record) {
             return notices_.told(record);
         case RecordKind::kWrongNotice:
             return notices_.told_wrongly(record.first);
+        case RecordKind::kTrimmed:
+            trimmed_ = true;
+            return;
         case RecordKind::kMarkerSent:
             return markers_.sent(record.first);
         default:

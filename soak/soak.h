@@ -57,6 +57,7 @@ class Soak {
     void run_load(Clock::time_point end);
     void drain();
     void observe_usage();
+    void await_stillness();
     void stop(Stop kind);
     void stop_manager();
     void start_over(bool abruptly);
@@ -66,6 +67,7 @@ class Soak {
     // The load.
     void send_tasks();
     void send_task(const Session& session);
+    std::chrono::milliseconds make_nap();
     void send_due_rejected(Clock::time_point now);
     void send_rejected(Clock::time_point now);
     bool undecodable_due(Clock::time_point now) const;
@@ -115,9 +117,11 @@ class Soak {
     Clock::time_point next_progress_{};
     bool disconnected_ = false;
     std::size_t times_ready_ = 0;
+    bool trimmed_ = false;
 
     std::size_t cycles_ = 0;
     std::size_t stops_[4] = {};
+    std::size_t crowd_ = 0;  // so many tasks are still to take their time together
     std::size_t undecodable_ = 0;
     std::optional<Usage> warm_;
     Usage last_usage_;
