@@ -38,6 +38,11 @@ constexpr bool is_refused_session(std::uint64_t session) {
     return session % 16 == 5;
 }
 
+// Tasks for sessions that have ended are for this subsystem, and no others are. The library's log
+// tells whether such a session is still in its table; this is how a line ends that says so.
+constexpr std::uint32_t kEndedProbeSubsystem = 98;
+constexpr std::string_view kEndedProbe = "::98";
+
 // ---------------------------------------------------------------------------------------------
 // Tasks
 

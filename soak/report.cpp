@@ -61,7 +61,8 @@ void print_report(Report report) {
               report.connections, report.manager_stops_graceful, report.manager_stops_abrupt);
     print_row("", "the service started over {} times after draining, {} times abruptly",
               report.leaves_graceful, report.leaves_abrupt);
-    print_row("Sessions", "services in sessions: {} started, {} ready, {} ended, of which {} late",
+    print_row("Sessions",
+              "of their services {} started, {} ready, {} ended; {} of these only by a later stop",
               report.sessions->started(), report.sessions->readied(), report.sessions->ended(),
               report.sessions->left());
     print_row("Tasks", "{} sent, {} ran, {} answered; {} rejected, {} of them while decoding",

@@ -17,10 +17,10 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "contract.h"
@@ -78,11 +78,23 @@ thread_local std::uint32_t tTransaction = 0;
 // ---------------------------------------------------------------------------------------------
 // The library's log
 
-// The lines would be many gigabytes. Only one matters: the library says nowhere else that a reply
-// could not be sent, and it says so on the thread that ran the task.
+bool begins_with(std::string_view text, std::string_view beginning) {
+    return text.substr(0, beginning.size()) == beginning;
+}
+
+bool ends_with(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+// The lines would be many gigabytes. Two matters are told nowhere else: that a reply could not be
+// sent, which is said on the thread that ran the task, and that a session is known without having
+// the service of a task.
 void watch_log(const __android_logger_data*, const char* line) {
-    if (tTransaction == 0 || std::strstr(line, "client NOT able to send msg") == nullptr) return;
-    report({RecordKind::kReplyLost, 0, tTransaction});
+    if (tTransaction != 0 && begins_with(line, "client NOT able to send msg")) {
+        report({RecordKind::kReplyLost, 0, tTransaction});
+    } else if (begins_with(line, "No Session ") && ends_with(line, kEndedProbe)) {
+        report({RecordKind::kStillInTable});
+    }
 }
 
 // ---------------------------------------------------------------------------------------------

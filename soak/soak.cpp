@@ -325,6 +325,7 @@ void Soak::send_rejected(Clock::time_point now) {
             break;
         case 1:
             task.session = ended_session_;
+            task.subsystem = kEndedProbeSubsystem;
             break;
         case 2:
             task.subsystem = 99;
@@ -476,6 +477,8 @@ void Soak::handle(const Record& record) {
             return tasks_.reply_lost(transaction);
         case RecordKind::kSession:
             return session_book_.told(record);
+        case RecordKind::kStillInTable:
+            return findings_.fail(Check::kSessions, "an ended session in the table");
         case RecordKind::kTerminated:
             return session_book_.terminated();
         case RecordKind::kReconnected:
