@@ -1,7 +1,6 @@
 #include "message_books.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -45,13 +44,12 @@ void NoticeBook::drop_unread() {
     notices_.clear();
 }
 
-std::string NoticeBook::unsettled() const {
-    return fmt::format("{} notices", notices_.size());
-}
-
 void NoticeBook::close() {
-    if (!is_settled()) findings_.fail(Check::kNotices, unsettled() + " did not come");
-    if (sent_ == complete_ + unread_) return;
+    for (const auto& [number, notice] : notices_) {
+        findings_.fail(Check::kNotices, fmt::format("notice {} came to {} services", number,
+                                                    notice.services.size()));
+    }
+    if (sent_ == complete_ + unread_ + notices_.size()) return;
     findings_.fail(Check::kNotices, fmt::format("{} sent, but {} came and {} were never read",
                                                 sent_, complete_, unread_));
 }
@@ -92,13 +90,13 @@ void MarkerBook::came(const std::string& text) {
     meet(std::strtoull(text.c_str() + kMarkerPrefix.size(), nullptr, 10), early_, missing_);
 }
 
-std::string MarkerBook::unsettled() const {
-    return fmt::format("markers; sent only: {}, came only: {}", fmt::join(missing_, " "),
-                       fmt::join(early_, " "));
-}
-
 void MarkerBook::close() {
-    if (!is_settled()) findings_.fail(Check::kMarkers, unsettled());
+    for (const std::uint64_t number : missing_) {
+        findings_.fail(Check::kMarkers, fmt::format("marker {} did not come", number));
+    }
+    for (const std::uint64_t number : early_) {
+        findings_.fail(Check::kMarkers, fmt::format("marker {} came, but was not sent", number));
+    }
 }
 
 }  // namespace soak

@@ -34,7 +34,6 @@ class NoticeBook {
     void drop_unread();
 
     bool is_settled() const { return notices_.empty(); }
-    std::string unsettled() const;
     void close();
 
     std::size_t sent() const { return sent_; }
@@ -88,8 +87,6 @@ class MarkerBook {
     void sent(std::uint64_t number) { meet(number, missing_, early_); }
     void came(const std::string& text);
 
-    bool is_settled() const { return missing_.empty() && early_.empty(); }
-    std::string unsettled() const;
     void close();
 
     std::size_t complete() const { return complete_; }

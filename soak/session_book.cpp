@@ -59,16 +59,10 @@ bool SessionBook::is_settled() const {
                        [](const auto& entry) { return entry.second == State::kLeft; });
 }
 
-std::string SessionBook::unsettled() const {
-    std::string text = "ends of";
-    for (const auto& [key, state] : services_) {
-        if (state != State::kLeft) text += ' ' + text_of(key);
-    }
-    return text;
-}
-
 void SessionBook::close() {
-    if (!is_settled()) findings_.fail(Check::kSessions, unsettled() + " are missing");
+    for (const auto& [key, state] : services_) {
+        if (state != State::kLeft) findings_.fail(Check::kSessions, "no end of " + text_of(key));
+    }
 }
 
 std::string start_response(const Session& session, bool success) {

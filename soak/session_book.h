@@ -50,7 +50,6 @@ class SessionBook {
 
     // Whether all that was started has ended, but for what a service left behind itself.
     bool is_settled() const;
-    std::string unsettled() const;
 
     // Closes the account.
     void close();

@@ -43,6 +43,9 @@ constexpr std::size_t kMostUndecodable = 100;
 // A shorter run has not seen enough for the memory to stay the same.
 constexpr auto kMemoryDecides = 30s;
 
+constexpr manager::Opcode kNoOpcode = 0x77;
+constexpr manager::Subsystem kNoSubsystem = 99;
+
 constexpr auto kStillFor = 200ms;
 constexpr auto kStillLimit = 5s;
 
@@ -102,7 +105,6 @@ bool Soak::run() {
     } catch (const InVain&) {
         // The finding is noted, and the rest would only follow from it.
     }
-    judge_usage();
     print_report(report());
     findings_.print();
     return findings_.all_hold();
@@ -145,10 +147,22 @@ void Soak::drain() {
         return sessions_.empty() && tasks_.is_settled() && session_book_.is_settled() &&
                notices_.is_settled();
     };
-    await(kDrainLimit, settled, [this] {
-        return std::to_string(sessions_.size()) + " responses to sessions, " + tasks_.unsettled() +
-               ", " + session_book_.unsettled() + ", " + notices_.unsettled();
-    });
+    try {
+        await(kDrainLimit, settled, [] { return "the end of all that was under way"; });
+    } catch (const InVain&) {
+        close_books();
+        throw;
+    }
+}
+
+// Nothing can come any more.
+void Soak::close_books() {
+    for (const Session& session : sessions_) {
+        findings_.fail(Check::kSessions, "no response for session " + std::to_string(session.id));
+    }
+    tasks_.close();
+    session_book_.close();
+    notices_.close();
 }
 
 // Nothing is under way, so that the figures of different times can be compared.
@@ -257,10 +271,9 @@ void Soak::finish() {
     if (*status != 0) findings_.fail(Check::kService, "wait status " + std::to_string(*status));
     const std::string errors = service_.errors();
     if (!errors.empty()) findings_.fail(Check::kService, errors);
-    tasks_.close();
-    session_book_.close();
-    notices_.close();
+    close_books();
     markers_.close();
+    judge_usage();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -319,25 +332,21 @@ void Soak::send_rejected(Clock::time_point now) {
     const auto starting = std::find_if(sessions_.begin(), sessions_.end(), [](const Session& s) {
         return s.stage == Session::Stage::kStarting;
     });
-    switch (random_() % 5) {
+    switch (random_() % 4) {
         case 0:
             task.session = 0;
             break;
         case 1:
-            task.session = ended_session_;
-            task.subsystem = kEndedProbeSubsystem;
+            task.subsystem = kNoSubsystem;
             break;
         case 2:
-            task.subsystem = 99;
-            break;
-        case 3:
             if (starting == sessions_.end()) return;
             task = {starting->id, starting->targets.front().opcode,
                     starting->targets.front().subsystems.front(), "rejected", "[]"};
             break;
         default:
             if (!undecodable_due(now)) {
-                task.opcode = 0x77;
+                task.opcode = kNoOpcode;
                 break;
             }
             ++undecodable_;
@@ -397,6 +406,13 @@ void Soak::send_end(const Session& session, bool by_name) {
                              by_name ? session.targets : std::vector<manager::Target>()));
 }
 
+// The library shall know nothing of the session any more.
+void Soak::probe_ended(const Session& session) {
+    const manager::Task task{session.id, session.targets.front().opcode, kEndedProbeSubsystem,
+                             "rejected", "[]"};
+    send(manager::exec_task_message(task, tasks_.open_rejected()));
+}
+
 // ---------------------------------------------------------------------------------------------
 // What comes in
 
@@ -451,7 +467,7 @@ bool Soak::advance(Session& session, const std::string& response) {
             return true;
         case Session::Stage::kEnding:
             expect(end_response(session, true));
-            ended_session_ = session.id;
+            probe_ended(session);
             if (session.id % 4 > 1) return false;
             session.stage = Session::Stage::kEndingAgain;
             send_end(session, false);

@@ -56,6 +56,7 @@ class Soak {
     void run_cycles();
     void run_load(Clock::time_point end);
     void drain();
+    void close_books();
     void observe_usage();
     void await_stillness();
     void stop(Stop kind);
@@ -74,6 +75,7 @@ class Soak {
     void send_due_notice(Clock::time_point now);
     void start_due_session(Clock::time_point now);
     void end_old_sessions(Clock::time_point now);
+    void probe_ended(const Session& session);
     void send_end(const Session& session, bool by_name);
     std::vector<manager::Target> some_services();
     void send(const std::string& text) { managers_.send(text); }
@@ -110,7 +112,6 @@ class Soak {
 
     std::vector<Session> sessions_;
     std::uint32_t last_session_ = 0;
-    std::uint32_t ended_session_ = 0;
     Clock::time_point next_session_{};
     Clock::time_point next_notice_{};
     Clock::time_point next_rejected_{};

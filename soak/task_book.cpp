@@ -141,17 +141,6 @@ bool TaskBook::is_settled() const {
                        [](const auto& entry) { return entry.second.may_never_run(); });
 }
 
-std::string TaskBook::unsettled() const {
-    std::string text = "tasks";
-    for (const auto& [transaction, task] : tasks_) {
-        if (task.may_never_run()) continue;
-        text += fmt::format(" {}{}{}{}{}{}", transaction, task.was_delivered ? " delivered" : "",
-                            task.ran ? " ran" : "", task.answered ? " answered" : "",
-                            task.lost ? " lost" : "", task.cut ? " cut off" : "");
-    }
-    return text;
-}
-
 void TaskBook::close() {
     for (const auto& [transaction, task] : tasks_) {
         if (task.may_never_run()) {

@@ -63,7 +63,6 @@ class TaskBook {
     // Whether nothing is to be expected any more. Those that a service did not read before it took
     // leave are no longer in the book then.
     bool is_settled() const;
-    std::string unsettled() const;
 
     // Closes the account, when nothing can come any more.
     void close();
