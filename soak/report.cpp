@@ -51,6 +51,10 @@ void print_progress(const Progress& progress) {
     std::fflush(stdout);
 }
 
+void print_errors(const std::string& errors) {
+    if (!errors.empty()) fmt::print("\n\nThe service wrote to standard error:\n{}\n", errors);
+}
+
 void print_report(Report report) {
     const TaskBook& tasks = *report.tasks;
     const double loaded = Seconds(report.loaded).count();

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include "child_process.h"
@@ -24,6 +25,9 @@ struct Progress {
 // A terminal shows one line that changes often, anything else gets a line now and then.
 std::chrono::milliseconds progress_interval();
 void print_progress(const Progress& progress);
+
+// What the service wrote to standard error, such as the report of a sanitizer.
+void print_errors(const std::string& errors);
 
 struct Report {
     std::chrono::steady_clock::duration duration;

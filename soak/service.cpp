@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -35,6 +36,7 @@ using namespace std::chrono_literals;
 
 constexpr int kQuestioners = 8;
 constexpr auto kRetryPause = 20ms;
+constexpr auto kThreadsLimit = 10s;
 
 enum class Order { kStartOverDedicated, kStartOverPlain, kTrim, kReconnected, kFinish };
 
@@ -250,7 +252,8 @@ int start_over(int id, Order reason) {
 }
 
 // The C library keeps what was released for the next time, the more the longer it goes on. Only
-// without that does the memory of the process tell what is in use.
+// without that does the memory of the process tell what is in use. It gives all back from the first
+// of its arenas only, so main() makes it use no other.
 void trim() {
     ::malloc_trim(0);
     report({RecordKind::kTrimmed});
@@ -268,16 +271,37 @@ int serve_until_finished(int id) {
     return id;
 }
 
+std::size_t count_threads() {
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(threads), end(threads)));
+}
+
+// The library's threads end by themselves. One that is on its way out when the process exits would
+// look like a leak of what it holds.
+void await_threads(std::size_t count) {
+    const auto limit = std::chrono::steady_clock::now() + kThreadsLimit;
+    while (count_threads() > count) {
+        if (std::chrono::steady_clock::now() > limit) {
+            std::fprintf(stderr, "threads of the library are left\n");
+            return;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+}
+
 }  // namespace
 }  // namespace soak
 
 int main() {
+    ::mallopt(M_ARENA_MAX, 1);
     __android_log_set_logger(soak::watch_log);
     ::prctl(PR_SET_NAME, "mirt_soak");
     android::base::SetProperty("ro.build.type", "userdebug");
     android::base::SetProperty("vendor.vexon.one.markers", "true");
     soak::choose_socket(false);
     std::thread reader(soak::read_orders);
+    const std::size_t threads = soak::count_threads();
     soak::take_leave(soak::serve_until_finished(soak::connect()));
     reader.join();
+    soak::await_threads(threads - 1);
 }

@@ -105,6 +105,7 @@ bool Soak::run() {
     } catch (const InVain&) {
         // The finding is noted, and the rest would only follow from it.
     }
+    print_errors(service_.errors());
     print_report(report());
     findings_.print();
     return findings_.all_hold();
@@ -269,8 +270,7 @@ void Soak::finish() {
     managers_.stop();
     take_events(0ms);
     if (*status != 0) findings_.fail(Check::kService, "wait status " + std::to_string(*status));
-    const std::string errors = service_.errors();
-    if (!errors.empty()) findings_.fail(Check::kService, errors);
+    if (!service_.errors().empty()) findings_.fail(Check::kService, "standard error, see above");
     close_books();
     markers_.close();
     judge_usage();
@@ -520,7 +520,7 @@ void Soak::await(std::chrono::milliseconds limit, Done done, Describe describe) 
         take_events(kPoll);
         show_progress(Clock::now());
         if (service_.has_ended()) {
-            findings_.fail(Check::kService, "it ended before its time; " + service_.errors());
+            findings_.fail(Check::kService, "it ended before its time");
             throw InVain();
         }
         if (Clock::now() < deadline) continue;
