@@ -14,13 +14,13 @@
 #include <mutex>
 #include <thread>
 
+#include "private_dev/enter_private_dev.h"
 #include "soak.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kInsideMark = "VEXON_SOAK_HAS_PRIVATE_DEV";
 constexpr const char* kUsage =
     "Usage: vexon-soak [SECONDS]\n"
     "Put the library under load, 60 seconds if nothing else is said, 86400 at most.\n"
@@ -66,14 +66,6 @@ class Watchdog {
     std::thread thread_;
 };
 
-[[noreturn]] void enter_private_dev(char** argv) {
-    ::setenv(kInsideMark, "1", 1);
-    char* const command[] = {const_cast<char*>(VEXON_PRIVATE_DEV), argv[0], argv[1], nullptr};
-    ::execv(command[0], command);
-    std::perror(command[0]);
-    std::exit(kWrongUsage);
-}
-
 // Returns 0 if `text` is no number of seconds.
 int read_seconds(const char* text) {
     int seconds = 0;
@@ -100,7 +92,7 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stderr);
         return kWrongUsage;
     }
-    if (std::getenv(kInsideMark) == nullptr) enter_private_dev(argv);
+    enter_private_dev(VEXON_PRIVATE_DEV, argv);
     try {
         return run(std::chrono::seconds(seconds));
     } catch (const std::exception& error) {

@@ -44,8 +44,8 @@ std::unique_ptr<manager::SimulatedManager> Managers::open(const char* path) {
     }
     opened->set_observer(
         [this, from = opened.get()](const manager::Packet& packet) { note(from, packet); },
-        [this](int, bool connected) {
-            if (!connected) inbox_.add(Disconnection{});
+        [this](const manager::ConnectionChange& change) {
+            if (change.change != manager::Change::Connected) inbox_.add(Disconnection{});
         });
     opened->start();
     return opened;
