@@ -18,10 +18,11 @@ namespace {
 constexpr std::chrono::seconds kReconnectLimit{20};
 constexpr useconds_t kReconnectPauseUs = 50'000;
 
-void adopt_socket(int fd) REQUIRES(gConnectMutex) EXCLUDES(gSendMutex) {
-    auto socket = fd < 0 ? nullptr : std::make_shared<ManagerSocket>(fd);
+// Null is no connection. A socket must be connected: sends of other threads may meet it at once.
+void adopt_socket(std::shared_ptr<ManagerSocket> socket) REQUIRES(gConnectMutex)
+    EXCLUDES(gSendMutex) {
     std::lock_guard<std::mutex> lock(gSendMutex);
-    gMgrSocket_fd = fd;
+    gMgrSocket_fd = socket == nullptr ? -1 : socket->fd();
     gMgrSocket = std::move(socket);
 }
 
@@ -36,23 +37,24 @@ void drop_socket() REQUIRES(gConnectMutex) EXCLUDES(gSendMutex) {
 }
 
 int connect_socket() REQUIRES(gConnectMutex) EXCLUDES(gSendMutex) {
+    adopt_socket(nullptr);
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    const int socket_error = errno;
-    adopt_socket(fd);
     if (fd < 0) {
         log_line(kFailure, "Failed to connect to VEXON Manager (socket creation failed %s)",
-                 std::strerror(socket_error));
+                 std::strerror(errno));
         return -1;
     }
 
+    auto socket = std::make_shared<ManagerSocket>(fd);
     const sockaddr_un address = manager_address(choose_manager_path());
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         const int connect_error = errno;
-        drop_socket();
+        socket = nullptr;
         log_line(kFailure, "Failed to connect to VEXON Manager (connection failed %s)",
                  std::strerror(connect_error));
         return -1;
     }
+    adopt_socket(std::move(socket));
     log_line(kProgress, "Manager connection established, gMgrSocket_fd %d", fd);
     return 0;
 }

@@ -1,5 +1,7 @@
 #include <sys/prctl.h>
 
+#include <atomic>
+
 #include "service_test.h"
 
 using android::base::SetProperty;
@@ -151,6 +153,22 @@ TEST_F(ServiceTest, MarkersAreSentOnTheDedicatedSocketOnly) {
     disconnect_from_manager();
     EXPECT_EQ(-1, vexa_log_marker("lost"));
     EXPECT_TRUE(log_.contains("Message was not sent successfully VEXON_marker"));
+}
+
+// A reply of a task may outlive the connection and be sent at any moment of the next one's start.
+TEST_F(ServiceTest, SendsOfOtherThreadsMayMeetTheStart) {
+    std::atomic<bool> stop{false};
+    std::vector<std::future<void>> senders;
+    for (int i = 0; i < 4; ++i) {
+        senders.push_back(std::async(std::launch::async, [&stop] {
+            while (!stop) vexa_send_to_manager_raw("{}");
+        }));
+    }
+    for (int round = 0; round < 100 && !HasFatalFailure(); ++round) {
+        init();
+        vexa_svc_deinit(id());
+    }
+    stop = true;
 }
 
 }  // namespace
