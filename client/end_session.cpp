@@ -5,6 +5,7 @@
 #include "client/VexonTimer.h"
 #include "client/json_access.h"
 #include "client/logging.h"
+#include "client/receive.h"
 #include "client/session_loss.h"
 #include "client/sessions.h"
 
@@ -45,7 +46,10 @@ void end_all_services(std::uint32_t session_id, EndCounts* counts) {
     const auto callbacks = all_state_callbacks();
     std::lock_guard<std::mutex> lock(gSessionsMutex);
     SessionServices& services = gSessions[session_id];
-    for (const auto& [service, state] : services) {
+    // What a service that has left the Manager meanwhile is not told of stays for the next loss.
+    while (!services.empty() && !superseded()) {
+        const ServiceKey service = services.begin()->first;
+        services.erase(services.begin());
         const auto callback = callbacks.find(service.first);
         if (callback == callbacks.end()) continue;
         const int refused = inform_session_state(
@@ -53,7 +57,6 @@ void end_all_services(std::uint32_t session_id, EndCounts* counts) {
             callback->second.user_data, VEXA_STATUS_SESSION_END);
         ++(refused == 0 ? counts->ended : counts->failed);
     }
-    services.clear();
 }
 
 void remove_if_empty(std::uint32_t session_id) {

@@ -4,7 +4,6 @@
 
 #include "client/VexonTimer.h"
 #include "client/logging.h"
-#include "client/receive.h"
 #include "client/sessions.h"
 
 namespace {
@@ -63,7 +62,6 @@ void start_service(std::uint32_t session_id, ServiceKey service, const StateCall
         ++outcome->failed;
         return;
     }
-    if (superseded()) return;  // the service has left the Manager inside its callback
     services[service] = VEXA_SESSION_STARTED;
     outcome->started_services[opcode].push_back(subsystem);
     ++outcome->started;

@@ -186,6 +186,24 @@ TEST_F(SessionTest, DeinitWaitsForACallbackAndNoOtherFollows) {
     }
 }
 
+// The Manager counts on it no more, but the service has accepted it.
+TEST_F(SessionTest, ASessionAcceptedDuringDeinitEndsWithTheNextLoss) {
+    std::promise<void> called;
+    recorder_.answer_with([&called](const vexa_req_t& request) {
+        if (request.status != VEXA_STATUS_SESSION_START) return 0;
+        called.set_value();
+        std::this_thread::sleep_for(kNotComing);
+        return 0;
+    });
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    manager_.send_to_all(start("7", R"({"id":"1a","subsystems":[{"id":1}]})"));
+    ASSERT_EQ(std::future_status::ready, called.get_future().wait_for(kSoon));
+    ASSERT_EQ(0, vexa_svc_deinit(id()));
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    manager_.close_clients();
+    EXPECT_TRUE(recorder_.wait_for({"2 26::1 7", "0 26::0 0", "3 26::1 7", "1 26::0 0"}));
+}
+
 TEST_F(SessionTest, EndTakesNamedServicesOrAllOutOfTheSession) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     ASSERT_NO_FATAL_FAILURE(offer(27, "1b"));
