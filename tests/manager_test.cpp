@@ -449,7 +449,9 @@ TEST(Program, EndsCleanlyOnSignalsAndWhenNobodyReads) {
             {signalled("{ echo help quit; sleep 1; }", "INT"), "\n0\n"},
             {"printf 'help\\nsleep 300\\nhelp\\nsleep 60000\\n' | { $M; echo $? >&2; } | head -n 1",
              "\n141\n"},
-            {"{ sleep 1; printf '\\003'; sleep 1; } | TERM=xterm script -qec $M /dev/null; echo $?",
+            // The shell in between would answer for the signal by its own status.
+            {"shown=$(mktemp); { until grep -q manager $shown; do sleep 0.1; done; printf '\\003'; "
+             "sleep 1; } | TERM=xterm script -qfec \"exec $M\" $shown; echo $?; rm $shown",
              "manager> \r\n0\n"}}) {
         const std::string output = '\n' + run_shell(command);
         expect_part(output, expected);
