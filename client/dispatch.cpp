@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <string>
+#include <string_view>
 
 #include "client/auth_regs_redy.h"
 #include "client/change_notices.h"
@@ -19,7 +20,7 @@
 namespace {
 
 struct Route {
-    const char* req_type;
+    std::string_view req_type;
     AfterMessage (*handle)(const Json::Value& message);
 };
 

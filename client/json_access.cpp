@@ -84,19 +84,23 @@ bool JsonReader::parse(const char* begin, const char* end, Json::Value* root, st
     return false;
 }
 
-const Json::Value* find_member(const Json::Value& object, const char* key) {
-    if (object.isNull()) return nullptr;
-    if (!object.isObject()) throw MalformedMessage(std::string("no object to hold ") + key);
-    return object.find(key, key + std::strlen(key));
+const Json::Value* find_member(const Json::Value& object, std::string_view key) {
+    const Json::ValueType type = object.type();
+    if (type == Json::objectValue) return object.find(key.data(), key.data() + key.size());
+    if (type == Json::nullValue) return nullptr;
+    throw MalformedMessage("no object to hold " + std::string(key));
 }
 
-const Json::Value& member(const Json::Value& object, const char* key) {
+const Json::Value& member(const Json::Value& object, std::string_view key) {
     const Json::Value* const found = find_member(object, key);
     return found == nullptr ? Json::Value::nullSingleton() : *found;
 }
 
 std::string as_text(const Json::Value& value) {
-    if (value.isArray() || value.isObject()) throw MalformedMessage("text expected");
+    const Json::ValueType type = value.type();
+    if (type == Json::arrayValue || type == Json::objectValue) {
+        throw MalformedMessage("text expected");
+    }
     return value.asString();
 }
 
@@ -110,17 +114,17 @@ unsigned int as_uint(const Json::Value& value) {
     return value.asUInt();
 }
 
-std::string text_member(const Json::Value& object, const char* key, const char* missing) {
+std::string text_member(const Json::Value& object, std::string_view key, const char* missing) {
     const Json::Value* const found = find_member(object, key);
     return found == nullptr ? missing : as_text(*found);
 }
 
-int int_member(const Json::Value& object, const char* key, int missing) {
+int int_member(const Json::Value& object, std::string_view key, int missing) {
     const Json::Value* const found = find_member(object, key);
     return found == nullptr ? missing : as_int(*found);
 }
 
-unsigned int uint_member(const Json::Value& object, const char* key, unsigned int missing) {
+unsigned int uint_member(const Json::Value& object, std::string_view key, unsigned int missing) {
     const Json::Value* const found = find_member(object, key);
     return found == nullptr ? missing : as_uint(*found);
 }

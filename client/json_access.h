@@ -14,6 +14,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 // A member that is of a wrong kind, or a number that its type cannot hold.
 class MalformedMessage : public std::runtime_error {
@@ -36,10 +37,10 @@ class JsonReader {
 
 // Returns the member of `object`, a null pointer if it is absent. This and all other functions that
 // take a key throw MalformedMessage if `object` is neither an object nor null.
-const Json::Value* find_member(const Json::Value& object, const char* key);
+const Json::Value* find_member(const Json::Value& object, std::string_view key);
 
 // Returns the member or, if it is absent, a null value.
-const Json::Value& member(const Json::Value& object, const char* key);
+const Json::Value& member(const Json::Value& object, std::string_view key);
 
 // Return the value as text or number, converted as jsoncpp does: scalars of all kinds have a text,
 // null is empty or 0. Throw MalformedMessage where there is no conversion.
@@ -48,6 +49,6 @@ int as_int(const Json::Value& value);
 unsigned int as_uint(const Json::Value& value);
 
 // Return the member converted in the same way, or `missing` if it is absent.
-std::string text_member(const Json::Value& object, const char* key, const char* missing);
-int int_member(const Json::Value& object, const char* key, int missing);
-unsigned int uint_member(const Json::Value& object, const char* key, unsigned int missing);
+std::string text_member(const Json::Value& object, std::string_view key, const char* missing);
+int int_member(const Json::Value& object, std::string_view key, int missing);
+unsigned int uint_member(const Json::Value& object, std::string_view key, unsigned int missing);

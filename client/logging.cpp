@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <cstring>
 
 #include "client/IVexaClient.h"
 
@@ -39,7 +40,9 @@ __attribute__((format(printf, 2, 0))) int write_line(int priority, const char* f
                                                      va_list arguments) {
     const LineScope scope;
     if (gLogClosed) return 0;
-    const int result = __android_log_vprint(priority, nullptr, format, arguments);
+    const int result = std::strchr(format, '%') == nullptr
+                           ? __android_log_write(priority, nullptr, format)
+                           : __android_log_vprint(priority, nullptr, format, arguments);
     static const LogCloser closer;  // younger than the log's statics, so it dies before them
     return result;
 }
