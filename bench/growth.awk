@@ -23,7 +23,7 @@ END {
           "where it is about arguments, elements and nesting), and the error of the fit\n"
     for (i = 1; i <= families; ++i) {
         name = order[i]
-        printf "%-34s %10.0f ns * %-5s %5.0f %%\n", name, coefficient[name], shown(fit[name]),
+        printf "%-34s %10.2f ns * %-5s %5.0f %%\n", name, coefficient[name], shown(fit[name]),
                rms[name] * 100
     }
     print ""

@@ -5,12 +5,15 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 #include "client/IVexaClient.h"
 
 namespace {
 
+constexpr std::size_t kLongestLine = 4068;  // what an entry of the Android log holds
 constexpr int kExitPauses = 1000;
 constexpr useconds_t kExitPauseUs = 1000;
 
@@ -36,12 +39,23 @@ class LineScope {
     LineScope& operator=(const LineScope&) = delete;
 };
 
+// Unlike __android_log_vprint(), which cuts a line at 1,023 bytes.
+__attribute__((format(printf, 1, 0))) int write_error(const char* format, va_list arguments) {
+    if (std::strchr(format, '%') == nullptr) {
+        return __android_log_write(ANDROID_LOG_ERROR, nullptr, format);
+    }
+    char line[kLongestLine];
+    std::vsnprintf(line, sizeof line, format, arguments);
+    return __android_log_write(ANDROID_LOG_ERROR, nullptr, line);
+}
+
 __attribute__((format(printf, 2, 0))) int write_line(int priority, const char* format,
                                                      va_list arguments) {
     const LineScope scope;
     if (gLogClosed) return 0;
-    const int result = std::strchr(format, '%') == nullptr
-                           ? __android_log_write(priority, nullptr, format)
+    // The log drops lines of lower priorities, and knows so before it puts them together.
+    const int result = priority == ANDROID_LOG_ERROR
+                           ? write_error(format, arguments)
                            : __android_log_vprint(priority, nullptr, format, arguments);
     static const LogCloser closer;  // younger than the log's statics, so it dies before them
     return result;

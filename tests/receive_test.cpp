@@ -173,6 +173,8 @@ TEST_F(ServiceTest, ALongMessageIsSentWholeAndTooLongAOneIsRefused) {
     const std::string text(200'000, 'x');
     EXPECT_EQ(0, vexa_send_to_manager_raw(text.c_str()));
     EXPECT_TRUE(expect_exactly(text));
+    EXPECT_TRUE(log_.contains("client Sending message " + text.substr(0, 2500)));
+    EXPECT_FALSE(log_.contains(text.substr(0, 2501)));
     EXPECT_EQ(-1, vexa_send_to_manager_raw(std::string(10'000'000, 'x').c_str()));
     EXPECT_TRUE(log_.contains("client NOT able to send msg"));
     EXPECT_EQ(-1, vexa_send_to_manager_raw(nullptr));

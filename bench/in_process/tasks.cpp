@@ -99,8 +99,8 @@ void register_tasks() {
     RegisterBenchmark("dispatch/acknowledgement", dispatch_acknowledgement);
     RegisterBenchmark("reply/bytes", encode_reply)
         ->RangeMultiplier(10)
-        ->Range(10, 100'000)
-        ->Complexity();
+        ->Range(100, 1'000'000)
+        ->Complexity(benchmark::oN);
     RegisterBenchmark("task without thread/ready services", grow_services)
         ->RangeMultiplier(10)
         ->Range(1, 1'000)
