@@ -10,9 +10,10 @@ namespace {
 
 constexpr double kWidth = 900;
 constexpr double kHeight = 420;
-constexpr double kLeft = 80;
+constexpr double kLeft = 110;
 constexpr double kRight = 780;
 constexpr double kTop = 50;
+constexpr double kApart = 8;  // points of one category
 constexpr double kBottom = 320;
 const char* const kColours[] = {"#1b9e77", "#d95f02", "#7570b3", "#e7298a"};
 
@@ -29,7 +30,7 @@ struct Axis {
 Axis axis_of(const Chart& chart) {
     double least = INFINITY;
     double most = 0;
-    for (const auto& [name, values] : chart.lines) {
+    for (const auto& [name, values] : chart.values) {
         least = std::min(least, *std::min_element(values.begin(), values.end()));
         most = std::max(most, *std::max_element(values.begin(), values.end()));
     }
@@ -69,25 +70,33 @@ std::string labels_of(const Chart& chart) {
     return svg;
 }
 
-std::string line_of(const Chart& chart, const Axis& axis, const std::vector<double>& values,
-                    const std::string& colour) {
+// Points stand `aside` of the middle of their category.
+std::string marks_of(const Chart& chart, const Axis& axis, const std::vector<double>& values,
+                     double aside, const std::string& colour) {
     std::string path;
     std::string points;
     for (std::size_t i = 0; i < values.size(); ++i) {
-        const std::string x = fixed(x_of(chart, i), 1);
+        const std::string x = fixed(x_of(chart, i) + aside, 1);
         const std::string y = fixed(axis.y(values[i]), 1);
         path += (i == 0 ? 'M' : 'L') + x + ' ' + y;
-        points += "<circle cx=\"" + x + "\" cy=\"" + y + "\" r=\"3\" fill=\"" + colour + "\"/>\n";
+        points += "<circle cx=\"" + x + "\" cy=\"" + y + "\" r=\"3.5\" fill=\"" + colour + "\"/>\n";
     }
+    if (chart.marks == Marks::kPoints) return points;
     return "<path d=\"" + path + "\" fill=\"none\" stroke=\"" + colour + "\"/>\n" + points;
 }
 
-std::string lines_of(const Chart& chart, const Axis& axis) {
+double aside_of(const Chart& chart, std::size_t number) {
+    if (chart.marks == Marks::kLines) return 0;
+    return kApart *
+           (static_cast<double>(number) - static_cast<double>(chart.values.size() - 1) / 2);
+}
+
+std::string all_marks_of(const Chart& chart, const Axis& axis) {
     std::string svg;
     std::size_t number = 0;
-    for (const auto& [name, values] : chart.lines) {
+    for (const auto& [name, values] : chart.values) {
         const std::string colour = kColours[number % std::size(kColours)];
-        svg += line_of(chart, axis, values, colour) +
+        svg += marks_of(chart, axis, values, aside_of(chart, number), colour) +
                text_at(kRight + 12, kTop + 20 * static_cast<double>(number),
                        "fill=\"" + colour + "\"", name);
         ++number;
@@ -98,7 +107,7 @@ std::string lines_of(const Chart& chart, const Axis& axis) {
 std::string picture_of(const Chart& chart) {
     const Axis axis = axis_of(chart);
     return text_at(kLeft, 24, "font-weight=\"bold\"", chart.title) + grid_of(axis) +
-           labels_of(chart) + lines_of(chart, axis);
+           labels_of(chart) + all_marks_of(chart, axis);
 }
 
 }  // namespace

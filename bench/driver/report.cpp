@@ -126,16 +126,16 @@ std::string in_flight_label(const Setting& setting) {
     return calls(setting.in_flight);
 }
 
-// Lines by setting, a value of each contender where both ends run on one core.
+// Marks by setting, a value of each contender where both ends run on one core.
 template <class Select, class Label, class Value>
-Chart chart_of(const AllFigures& all, const std::string& title, Select select, Label label,
-               Value value) {
-    Chart chart{title, {}, {}};
+Chart chart_of(const AllFigures& all, const std::string& title, Marks marks, Select select,
+               Label label, Value value) {
+    Chart chart{title, marks, {}, {}};
     for (const Setting& setting : all_settings()) {
         if (!select(setting)) continue;
         chart.categories.push_back(label(setting));
         for (const std::string& name : measured_contenders(all, setting)) {
-            chart.lines[name].push_back(value(all.at({setting, name, Placement::kOneCore})));
+            chart.values[name].push_back(value(all.at({setting, name, Placement::kOneCore})));
         }
     }
     return chart;
@@ -172,12 +172,12 @@ std::string csv_of(const Results& results) {
 
 std::string plot_of(const Results& results) {
     const AllFigures all = all_figures(results);
-    return svg_of(
-        {chart_of(all, "Median latency in microseconds, both ends on one core", is_by_message,
-                  message_label, [](const Figures& figures) { return figures.p50_us; }),
-         chart_of(all, "Calls per second, both ends on one core, " + small_request().name,
-                  is_in_flight, in_flight_label,
-                  [](const Figures& figures) { return figures.calls_per_second; })});
+    return svg_of({chart_of(all, "Median latency in microseconds, both ends on one core",
+                            Marks::kPoints, is_by_message, message_label,
+                            [](const Figures& figures) { return figures.p50_us; }),
+                   chart_of(all, "Calls per second, both ends on one core, " + small_request().name,
+                            Marks::kLines, is_in_flight, in_flight_label,
+                            [](const Figures& figures) { return figures.calls_per_second; })});
 }
 
 }  // namespace bench
