@@ -10,6 +10,7 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     bench::prepare_library();
     bench::register_decoding();
+    bench::register_release();
     bench::register_tasks();
     benchmark::RunSpecifiedBenchmarks();
     return 0;
