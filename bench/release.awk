@@ -9,13 +9,16 @@ BEGIN {
 { gsub(/"/, "") }
 
 $1 == "name" {
-    for (i = 1; i <= NF; ++i) column[$i] = i
+    for (i = 1; i <= NF; ++i) title[i] = $i
     next
 }
 
-$1 ~ /^release\// {
-    split($1, part, "/")
-    making = $column["making_ns"]
-    releasing = $column["releasing_ns"]
-    printf "%-34s %8.0f %9.0f %8.0f\n", part[2], making, releasing, making + releasing
+$1 ~ /^release/ {
+    for (i = 1; i <= NF; ++i) value[title[i]] = $i
+    for (i = 1; i <= NF; ++i) {
+        if (title[i] !~ /^making /) continue
+        place = substr(title[i], length("making ") + 1)
+        releasing = value["releasing " place]
+        printf "%-34s %8.0f %9.0f %8.0f\n", place, $i, releasing, $i + releasing
+    }
 }

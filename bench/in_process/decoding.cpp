@@ -4,7 +4,6 @@
 #include <benchmark/benchmark.h>
 #include <json/json.h>
 
-#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "client/params/decoding.h"
 #include "client/params/queues.h"
 #include "in_process/fixture.h"
+#include "in_process/median.h"
 #include "in_process/registration.h"
 #include "message.h"
 
@@ -31,12 +31,6 @@ struct Times {
     std::vector<double> parse;
     std::vector<double> decode;
 };
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 class Decoding {
   public:
