@@ -18,6 +18,8 @@
 
 namespace {
 
+constexpr std::size_t kLoggedName = 100;
+
 std::uint32_t hexadecimal_opcode(const Json::Value& message, const char* missing) {
     const std::string text = text_member(message, "opcode", missing);
     return static_cast<std::uint32_t>(std::strtoul(text.c_str(), nullptr, 16));
@@ -64,12 +66,13 @@ void start_worker(CallRecord call, vexon_exec_callback_t task, vexon_func_call_i
 }
 
 // A service's mistake is answered like any failed task instead of ending the process.
-void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task,
-              const vexon_func_call_info_t& args) {
+void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
+    char name[kLoggedName + 1];  // the arguments are the task's from here on
+    name[args.func_name.copy(name, kLoggedName)] = '\0';
     try {
-        task(call, args);
+        task(call, std::move(args));
     } catch (const std::exception& error) {
-        log_line(kFailure, "Failed to run function %s (%s)", args.func_name.c_str(), error.what());
+        log_line(kFailure, "Failed to run function %s (%s)", name, error.what());
         call->func = "-1";
     }
 }
@@ -115,8 +118,9 @@ int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task) {
 void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
                      vexon_func_call_info_t args) {
     const CallRecord record(call);
-    run_task(call, task, args);
-    ClearParamsFromQueues(queues_of(args));
+    const vexon_func_call_info_t queues = queues_of(args);
+    run_task(call, task, std::move(args));
+    ClearParamsFromQueues(queues);
     send_reply(call);
 }
 
