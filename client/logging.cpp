@@ -40,23 +40,22 @@ class LineScope {
 };
 
 // Unlike __android_log_vprint(), which cuts a line at 1,023 bytes.
-__attribute__((format(printf, 1, 0))) int write_error(const char* format, va_list arguments) {
-    if (std::strchr(format, '%') == nullptr) {
-        return __android_log_write(ANDROID_LOG_ERROR, nullptr, format);
-    }
+__attribute__((format(printf, 2, 0))) int write_whole(int priority, const char* format,
+                                                      va_list arguments) {
+    if (std::strchr(format, '%') == nullptr) return __android_log_write(priority, nullptr, format);
     char line[kLongestLine];
     std::vsnprintf(line, sizeof line, format, arguments);
-    return __android_log_write(ANDROID_LOG_ERROR, nullptr, line);
+    return __android_log_write(priority, nullptr, line);
 }
 
 __attribute__((format(printf, 2, 0))) int write_line(int priority, const char* format,
                                                      va_list arguments) {
     const LineScope scope;
     if (gLogClosed) return 0;
-    // The log drops lines of lower priorities, and knows so before it puts them together.
-    const int result = priority == ANDROID_LOG_ERROR
-                           ? write_error(format, arguments)
-                           : __android_log_vprint(priority, nullptr, format, arguments);
+    // The log may drop debug lines, and then does not put them together.
+    const int result = priority == ANDROID_LOG_DEBUG
+                           ? __android_log_vprint(priority, nullptr, format, arguments)
+                           : write_whole(priority, format, arguments);
     static const LogCloser closer;  // younger than the log's statics, so it dies before them
     return result;
 }

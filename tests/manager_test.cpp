@@ -442,17 +442,17 @@ TEST(Program, EndsCleanlyOnSignalsAndWhenNobodyReads) {
         return "{ " + input + " | sh -c 'echo $$; exec '$M; echo $? >&2; } | " +
                "{ read pid; read line; sleep 0.2; kill -" + signal + " $pid; cat >/dev/null; }";
     };
-    for (
-        const auto& [command, expected] : std::vector<std::pair<std::string, std::string>>{
-            {signalled("printf 'help quit\\nsleep 60000\\n'", "INT"), "signal 2\n130\n"},
-            {signalled("printf 'help quit\\nexpect a 60000\\n'", "TERM"), "signal 15\n143\n"},
-            {signalled("{ echo help quit; sleep 1; }", "INT"), "\n0\n"},
-            {"printf 'help\\nsleep 300\\nhelp\\nsleep 60000\\n' | { $M; echo $? >&2; } | head -n 1",
-             "\n141\n"},
-            // The shell in between would answer for the signal by its own status.
-            {"shown=$(mktemp); { until grep -q manager $shown; do sleep 0.1; done; printf '\\003'; "
-             "sleep 1; } | TERM=xterm script -qfec \"exec $M\" $shown; echo $?; rm $shown",
-             "manager> \r\n0\n"}}) {
+    for (const auto& [command, expected] : std::vector<std::pair<std::string, std::string>>{
+             {signalled("printf 'help quit\\nsleep 60000\\n'", "INT"), "signal 2\n130\n"},
+             {signalled("printf 'help quit\\nexpect a 60000\\n'", "TERM"), "signal 15\n143\n"},
+             {signalled("{ echo help quit; sleep 1; }", "INT"), "\n0\n"},
+             {"printf 'help\\nsleep 300\\nhelp\\nsleep 60000\\n' | { $M; echo $? >&2; } | head -n1",
+              "\n141\n"},
+             // The shell in between would answer for the signal by its own status.
+             {"shown=$(mktemp); { for i in $(seq 300); do grep -q 'manager> ' $shown && break; "
+              "sleep 0.1; done; printf '\\003'; sleep 1; } | SHELL=/bin/sh TERM=xterm "
+              "script -qfec \"exec $M\" $shown; echo $?; rm $shown",
+              "manager> \r\n0\n"}}) {
         const std::string output = '\n' + run_shell(command);
         expect_part(output, expected);
         EXPECT_NE(access(kDefaultPath, F_OK), 0) << "the socket file was left by " << command;

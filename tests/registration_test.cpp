@@ -9,7 +9,7 @@ struct Registration {
     std::string blob;
     std::uint32_t opcode;
     int result;
-    const char* log_line;
+    std::string log_line;
 };
 
 std::string header_and(const std::string& text) {
@@ -18,9 +18,11 @@ std::string header_and(const std::string& text) {
 
 TEST_F(ServiceTest, RegistrationChecksTheDefinition) {
     const std::string valid = "\x02" + definition("1a", "{\"id\":1}");
+    const std::string large = definition("1a", "{\"id\":1," + std::string(3'000, ' ') + "\"x\":0}");
     const Registration registrations[] = {
         {"whole header", header_and(valid), 26, 0, "VEXON service authed and registered"},
         {"no header", valid, 26, 0, "Duplicate service registration 0x0000001a::1"},
+        {"longer than a line", "\x02" + large, 26, 0, "json is " + large.substr(0, 2500)},
         {"opcode with 0x", "\x02" + definition("0x1A", ""), 26, 0, ""},
         {"header cut short", "\x01VEX" + valid, 26, 0, ""},
         {"no opcode is opcode 0", "\x02{\"Vexon\":{}}", 0, 0, ""},

@@ -13,8 +13,8 @@ constexpr double kHeight = 420;
 constexpr double kLeft = 110;
 constexpr double kRight = 780;
 constexpr double kTop = 50;
-constexpr double kApart = 8;  // points of one category
 constexpr double kBottom = 320;
+constexpr double kApart = 8;  // points of one category
 const char* const kColours[] = {"#1b9e77", "#d95f02", "#7570b3", "#e7298a"};
 
 // The powers of ten around all values.

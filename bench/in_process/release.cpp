@@ -7,10 +7,13 @@
 #include <json/json.h>
 #include <sched.h>
 
-#include <array>
 #include <chrono>
-#include <iterator>
+#include <cstddef>
+#include <map>
 #include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -26,38 +29,38 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kHere = -1;
 constexpr std::size_t kArguments = 1'000;
 constexpr int kTurn = 4;  // times for each place before the next one's turn, and as many to warm up
 
 struct Place {
-    const char* name;
-    int core;
+    std::string name;
+    std::optional<int>
+        core;  // of another thread that releases; without, the one that made them does
 };
 
-constexpr Place kPlaces[] = {
-    {"by the thread that made them", kHere},
-    {"by another on its core", 0},
-    {"by another on another core", 1},
+struct Times {
+    std::vector<double> making;
+    std::vector<double> releasing;
 };
 
-// Keeps this thread on one core as long as it lives.
-class OnCore {
-  public:
-    explicit OnCore(int core) {
-        ::sched_getaffinity(0, sizeof before_, &before_);
-        cpu_set_t one;
-        CPU_ZERO(&one);
-        CPU_SET(static_cast<unsigned>(core), &one);
-        ::sched_setaffinity(0, sizeof one, &one);
+std::vector<int> allowed_cores() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    ::sched_getaffinity(0, sizeof set, &set);
+    std::vector<int> cores;
+    for (int core = 0; core < CPU_SETSIZE; ++core) {
+        if (CPU_ISSET(static_cast<unsigned>(core), &set)) cores.push_back(core);
     }
-    ~OnCore() { ::sched_setaffinity(0, sizeof before_, &before_); }
-    OnCore(const OnCore&) = delete;
-    OnCore& operator=(const OnCore&) = delete;
+    return cores;
+}
 
-  private:
-    cpu_set_t before_;
-};
+void stay_on(int core) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<unsigned>(core), &set);
+    if (::sched_setaffinity(0, sizeof set, &set) != 0)
+        throw std::runtime_error("sched_setaffinity");
+}
 
 double seconds_since(Clock::time_point begin) {
     return std::chrono::duration<double>(Clock::now() - begin).count();
@@ -67,7 +70,7 @@ vexon_func_call_info_t make_arguments(Json::CharReader* reader, const std::strin
     Json::Value root;
     vexon_func_call_info_t call{};
     reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
-    AddParamsToQueues(root, &call);
+    if (AddParamsToQueues(root, &call) != 0) throw std::runtime_error("cannot decode " + text);
     return call;
 }
 
@@ -78,22 +81,18 @@ double release_timed(const vexon_func_call_info_t& call) {
 }
 
 // Returns the time without that of the thread's start.
-double release_on(int core, const vexon_func_call_info_t& call) {
-    if (core == kHere) return release_timed(call);
+double release_on(std::optional<int> core, const vexon_func_call_info_t& call) {
+    if (!core) return release_timed(call);
     double time = 0;
     std::thread([&] {
-        const OnCore pinned(core);
+        stay_on(*core);
         time = release_timed(call);
     }).join();
     return time;
 }
 
-struct Times {
-    std::vector<double> making;
-    std::vector<double> releasing;
-};
-
-void take_turn(Json::CharReader* reader, const std::string& text, int core, Times* times) {
+void take_turn(Json::CharReader* reader, const std::string& text, std::optional<int> core,
+               Times* times) {
     for (int i = -kTurn; i < kTurn; ++i) {
         const auto begin = Clock::now();
         const vexon_func_call_info_t call = make_arguments(reader, text);
@@ -105,25 +104,25 @@ void take_turn(Json::CharReader* reader, const std::string& text, int core, Time
     }
 }
 
-std::size_t measured_places() {
-    return std::thread::hardware_concurrency() > 1 ? std::size(kPlaces) : std::size(kPlaces) - 1;
-}
-
 // The places take turns: what disturbs the machine disturbs all of them.
 void make_and_release(benchmark::State& state) {
-    const OnCore pinned(0);
+    const std::vector<int> cores = allowed_cores();
+    stay_on(cores[0]);
+    std::vector<Place> places = {{"by the thread that made them", {}},
+                                 {"by another on its core", cores[0]}};
+    if (cores.size() > 1) places.push_back({"by another on another core", cores[1]});
+
     const std::string text = exec_task_text(scalars("int32", kArguments), kFirstTransaction);
     const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    std::array<Times, std::size(kPlaces)> times;
+    std::map<std::string, Times> times;
     for (auto iteration : state) {
-        for (std::size_t i = 0; i < measured_places(); ++i) {
-            take_turn(reader.get(), text, kPlaces[i].core, &times[i]);
+        for (const Place& place : places) {
+            take_turn(reader.get(), text, place.core, &times[place.name]);
         }
     }
-    for (std::size_t i = 0; i < measured_places(); ++i) {
-        const std::string name = kPlaces[i].name;
-        state.counters["making " + name] = median(times[i].making) / kArguments * 1e9;
-        state.counters["releasing " + name] = median(times[i].releasing) / kArguments * 1e9;
+    for (const auto& [name, measured] : times) {
+        state.counters["making " + name] = median(measured.making) / kArguments * 1e9;
+        state.counters["releasing " + name] = median(measured.releasing) / kArguments * 1e9;
     }
 }
 
