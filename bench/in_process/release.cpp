@@ -32,10 +32,10 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kArguments = 1'000;
 constexpr int kTurn = 4;  // times for each place before the next one's turn, and as many to warm up
 
+// Where values are released: by another thread on that core, or by the one that made them.
 struct Place {
     std::string name;
-    std::optional<int>
-        core;  // of another thread that releases; without, the one that made them does
+    std::optional<int> core;
 };
 
 struct Times {
