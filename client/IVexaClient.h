@@ -6,12 +6,13 @@
 //
 // Order of the locks. Whoever holds a lock takes only such as stand to its right, or below:
 //   gInitCallMutex, gInitMutex, gConnectMutex
-//   gReadyMutex, gSessionsMutex (but a session's callback, which has the latter, may call
-//   vexa_svc_deinit(): tasks, which need both, are then handled by no other thread)
-//   gReadyMutex, gReadyWaitMutex
-//   gAuthMutex or gRegsMutex, gAuthWaitMutex
-//   gClientMutex, gServicesMutex, gQueryIdMutex, gPermMutex, gInfoMutex, gSendMutex: one at a time
-// State callbacks run with gSessionsMutex (sessions) or gReadyMutex (changes) held.
+//   gReadyMutex, gSessionsMutex
+//   gReadyMutex, gReadyWaits.mutex
+//   gAuthMutex or gRegsMutex, gAuthWaits.mutex
+//   gClientMutex, gServicesMutex, gQueryIdMutex, gPermMutex, gInfoMutex, gSendMutex,
+//   gReceiveEndMutex: one at a time
+// State callbacks run with gSessionsMutex (sessions) or gReadyMutex (changes) held. The former is
+// let go of while such a callback is inside vexa_svc_deinit(), which takes locks to its left.
 
 #pragma once
 
@@ -61,6 +62,24 @@ enum vexa_start_state {
 // A service: opcode and subsystem.
 using ServiceKey = std::pair<std::uint32_t, std::uint32_t>;
 using SessionServices = std::map<ServiceKey, vexa_start_state>;
+
+// Number of a life of the connection, see client/life.h.
+using Life = std::uint64_t;
+
+// Who waits for an acknowledgement. A caller holds the lock from its look at "done" until it
+// sleeps, and the receive thread while it sets "done", so that no wake-up falls between the two.
+// The lock guards result and done of the entries of gAuth, gRegs and of gReady too.
+struct AcknowledgementWaits {
+    std::mutex mutex;
+    std::set<std::condition_variable*> waiting GUARDED_BY(mutex);
+};
+
+// Who wants to know that nobody receives any more.
+struct ReceiveEndObserver {
+    vexa_receive_end_callback_t callback = nullptr;
+    void* user_data = nullptr;
+    int calls_under_way = 0;
+};
 
 class ManagerSocket;
 
@@ -116,21 +135,28 @@ extern std::mutex& gInitCallMutex;
 // Opening and closing of the connection.
 extern std::mutex& gConnectMutex;
 
-// The waits for acknowledgements: result and done of the entries of gAuth, gRegs and of gReady. A
-// caller holds it from its look at "done" until it sleeps, and the receive thread while it sets
-// "done", so that no wake-up falls between the two.
-extern std::mutex& gAuthWaitMutex;
-extern std::mutex& gReadyWaitMutex;
+extern AcknowledgementWaits& gAuthWaits;
+extern AcknowledgementWaits& gReadyWaits;
 
 // The open connection; gMgrSocket_fd is its descriptor.
 extern std::shared_ptr<ManagerSocket>& gMgrSocket GUARDED_BY(gSendMutex);
 
-// Number of the receive thread that owns the connection. A thread that finds another number here
-// has been superseded and touches nothing any more. Written with gInitMutex held.
-extern std::atomic<std::uint32_t> gReceiver;
+// The life that goes on, or the one to come while none does. Written with gClientMutex held.
+extern std::atomic<Life> gLife;
 
-// Whether that thread still reads, that is, whether an answer can come.
-extern bool gReceiving GUARDED_BY(gInitMutex);
+// Whether a de-initialisation is at work, from the end of a life until the process may begin
+// another. gLeft is told of its end.
+extern bool gLeaving GUARDED_BY(gClientMutex);
+extern std::condition_variable& gLeft;
+
+// Whether the life has a receive thread that still reads, that is, whether an answer can come.
+// Written with gInitMutex held.
+extern std::atomic<bool> gReceiving;
+
+// gReceiveEndReturned is told when a call of an observer has returned.
+extern std::mutex& gReceiveEndMutex;
+extern std::shared_ptr<ReceiveEndObserver>& gReceiveEndObserver GUARDED_BY(gReceiveEndMutex);
+extern std::condition_variable& gReceiveEndReturned;
 
 // Returns the service id, -1 = not initialised.
 int current_service_id() EXCLUDES(gClientMutex);

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "client/json_access.h"
-#include "client/receive.h"
+#include "client/life.h"
 
 namespace {
 
@@ -20,58 +20,52 @@ Verdict read_verdict(const Json::Value& message) {
     return {static_cast<std::uint32_t>(opcode), int_member(message, "result", kNotAnswered)};
 }
 
-template <class Table>
-AfterMessage deliver(const Verdict& verdict, const Table& table, std::mutex& wait_mutex) {
-    if (superseded()) return AfterMessage::kEndThread;
-    const auto entry = table.find(verdict.opcode);
-    if (entry != table.end()) answer_waiter(entry->second, verdict.result, wait_mutex);
-    return AfterMessage::kClearBuffer;
-}
-
-}  // namespace
-
+// Stores the verdict and wakes the caller that waits for it.
 void answer_waiter(const waiter_meta_data<std::int32_t>& waiter, std::int32_t result,
-                   std::mutex& wait_mutex) {
-    std::lock_guard<std::mutex> lock(wait_mutex);
+                   AcknowledgementWaits& waits) EXCLUDES(waits.mutex) {
+    std::lock_guard<std::mutex> lock(waits.mutex);
     *waiter.result = result;
     *waiter.done = true;
     waiter.cv->notify_one();
 }
 
+// The table's lock is held.
+template <class Table>
+AfterMessage deliver(const Verdict& verdict, const Table& table, AcknowledgementWaits& waits) {
+    if (superseded()) return AfterMessage::kEndThread;
+    const auto entry = table.find(verdict.opcode);
+    if (entry != table.end()) answer_waiter(entry->second, verdict.result, waits);
+    return AfterMessage::kClearBuffer;
+}
+
+}  // namespace
+
 AfterMessage on_auth(const Json::Value& message) {
     const Verdict verdict = read_verdict(message);
     std::lock_guard<std::mutex> lock(gAuthMutex);
-    return deliver(verdict, gAuth, gAuthWaitMutex);
+    return deliver(verdict, gAuth, gAuthWaits);
 }
 
 AfterMessage on_regs(const Json::Value& message) {
     const Verdict verdict = read_verdict(message);
     std::lock_guard<std::mutex> lock(gRegsMutex);
-    return deliver(verdict, gRegs, gAuthWaitMutex);
+    return deliver(verdict, gRegs, gAuthWaits);
 }
 
 AfterMessage on_redy(const Json::Value& message) {
     const Verdict verdict = read_verdict(message);
     std::lock_guard<std::mutex> lock(gReadyMutex);
-    return deliver(verdict, gReady, gReadyWaitMutex);
+    return deliver(verdict, gReady, gReadyWaits);
 }
 
 std::int32_t await_acknowledgement(const waiter_meta_data<std::int32_t>& waiter,
-                                   std::mutex& wait_mutex) NO_THREAD_SAFETY_ANALYSIS {
-    // If this turns false later, fail_pending_acknowledgements() finds the waiter.
-    const bool can_be_answered = is_receiving();
-    std::unique_lock<std::mutex> lock(wait_mutex);
-    waiter.cv->wait(lock, [&] { return *waiter.done || !can_be_answered; });
+                                   AcknowledgementWaits& waits,
+                                   Life life) NO_THREAD_SAFETY_ANALYSIS {
+    std::unique_lock<std::mutex> lock(waits.mutex);
+    const auto entry = waits.waiting.insert(waiter.cv.get()).first;
+    waiter.cv->wait(lock, [&] { return *waiter.done || is_over(life) || !gReceiving; });
+    waits.waiting.erase(entry);
     if (!*waiter.done) return kNotAnswered;
     *waiter.done = false;
     return *waiter.result;
-}
-
-void fail_pending_acknowledgements() {
-    {
-        std::lock_guard<std::mutex> lock(gAuthMutex);
-        if (!superseded()) fail_waiters(gAuth, gAuthWaitMutex);
-    }
-    std::lock_guard<std::mutex> lock(gReadyMutex);
-    if (!superseded()) fail_waiters(gReady, gReadyWaitMutex);
 }

@@ -19,24 +19,10 @@ Waiter make_waiter() {
     return waiter;
 }
 
-// Waits without time limit until `waiter`, which stands in its table, is answered, and returns the
-// result. Returns -1 at once if there is no receive thread that could take an answer.
+// Waits without time limit until `waiter` is answered, and returns the result. Returns -1 when
+// `life` is over or has no receive thread that could take an answer.
 std::int32_t await_acknowledgement(const waiter_meta_data<std::int32_t>& waiter,
-                                   std::mutex& wait_mutex) EXCLUDES(wait_mutex, gInitMutex);
+                                   AcknowledgementWaits& waits, Life life) EXCLUDES(waits.mutex);
 
 // The verdict for those who will get none.
 constexpr std::int32_t kNotAnswered = -1;
-
-// Stores the verdict and wakes the caller that waits for it.
-void answer_waiter(const waiter_meta_data<std::int32_t>& waiter, std::int32_t result,
-                   std::mutex& wait_mutex) EXCLUDES(wait_mutex);
-
-// Answers all callers whose waiters stand in `table` with -1. The table's lock is held.
-template <class Table>
-void fail_waiters(const Table& table, std::mutex& wait_mutex) {
-    for (const auto& entry : table) answer_waiter(entry.second, kNotAnswered, wait_mutex);
-}
-
-// Answers all callers that wait for a verdict with -1, for the receive thread that would have
-// received it.
-void fail_pending_acknowledgements() EXCLUDES(gAuthMutex, gReadyMutex);

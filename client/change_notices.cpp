@@ -6,8 +6,8 @@
 
 #include "client/IVexaClient.h"
 #include "client/json_access.h"
+#include "client/life.h"
 #include "client/logging.h"
-#include "client/receive.h"
 
 namespace {
 

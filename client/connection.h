@@ -1,8 +1,11 @@
 // The one connection to the Manager.
 //
-// Opening and closing are serialised by gConnectMutex, sends by gSendMutex. The receive thread
-// shares the ownership of the socket: its descriptor is closed only when that thread has let go of
-// it too, so that a pending receive never reads from a later connection of the same number.
+// What is the connection changes with gConnectMutex and gSendMutex held; sends hold the latter. No
+// lock is held while a socket connects, and a socket is shut down before gSendMutex is waited for:
+// neither a Manager that accepts nobody nor one that does not read keeps anybody from closing. The
+// receive thread shares the ownership of the socket: its descriptor is closed only when that thread
+// has let go of it too, so that a pending receive never reads from a later connection of the same
+// number.
 
 #pragma once
 
@@ -29,14 +32,24 @@ class ManagerSocket {
 // Returns the open connection, null if there is none.
 std::shared_ptr<ManagerSocket> current_connection() EXCLUDES(gSendMutex);
 
-// Connects unless there is a connection. Returns 0, or -1 with a log line.
+// Connects unless there is a connection whose other end is still open. For a life that has no
+// receive thread. Returns 0, or -1 with a log line; waits 20 s at most for a Manager whose queue of
+// connections is full.
 int open_connection() EXCLUDES(gConnectMutex, gSendMutex);
+
+// Sends what is said to the Manager before the connection is closed. Waits for no other send, and
+// only for a moment for a Manager that does not read. Returns 0, or -1 with a log line.
+int send_farewell(const char* msg) EXCLUDES(gConnectMutex);
+
+// Closes the connection, if there is one, without a word to the Manager.
+void close_connection() EXCLUDES(gConnectMutex, gSendMutex);
 
 // Disconnects if `socket` is still the connection. Returns whether it was; if not, this process has
 // closed it itself.
 bool close_lost_connection(const std::shared_ptr<ManagerSocket>& socket)
     EXCLUDES(gConnectMutex, gSendMutex);
 
-// As reconnect_to_manager(), for the receive thread of number `receiver`: gives up with -1, without
-// a log line, when that is no longer gReceiver.
-int reconnect_as(std::uint32_t receiver) EXCLUDES(gConnectMutex, gSendMutex);
+enum class Reconnection { kDone, kTimedOut, kNotWanted };
+
+// As reconnect_to_manager(), but gives up, without a log line, when `life` is over.
+Reconnection reconnect_in(Life life) EXCLUDES(gConnectMutex, gSendMutex);

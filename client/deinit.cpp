@@ -1,70 +1,89 @@
+#include <cinttypes>
+#include <cstdio>
 #include <mutex>
-#include <string>
 #include <utility>
 
 #include "client/IVexaClient.h"
-#include "client/auth_regs_redy.h"
 #include "client/change_notices.h"
+#include "client/connection.h"
+#include "client/life.h"
 #include "client/logging.h"
-#include "client/readiness.h"
-#include "client/receive.h"
+#include "client/sessions.h"
 
 namespace {
 
-// From here on the receive thread knows that the end of the connection is no loss of the Manager.
-// Returns whether there was one that still read.
-bool dismiss_receiver() {
+// Ends the life, so that nothing that began in it acts any more, and has later calls wait for the
+// end of this one. From here on the receive thread knows that the end of the connection is no loss
+// of the Manager. Returns 0, or the result of a call that may not do so.
+int begin_leaving(std::uint32_t service_id) NO_THREAD_SAFETY_ANALYSIS {
+    std::unique_lock<std::mutex> lock(gClientMutex);
+    if (gService_id == -1) return -3;
+    if (static_cast<std::uint32_t>(gService_id) != service_id) return -2;
+    if (refused_in_notice("vexa_svc_deinit")) return -1;
+    if (superseded()) return -3;  // it is another life's process by now
+    if (gLeaving) {
+        const Life next = gLife;
+        gLeft.wait(lock, [next]() NO_THREAD_SAFETY_ANALYSIS { return !gLeaving || is_over(next); });
+        return -3;
+    }
+    gLeaving = true;
+    ++gLife;
+    return 0;
+}
+
+// Returns whether there was a receive thread that still read.
+bool dismiss_receiver() EXCLUDES(gInitMutex) {
     std::lock_guard<std::mutex> lock(gInitMutex);
-    ++gReceiver;
     init_cv.notify_all();
-    return std::exchange(gReceiving, false);
-}
-
-// A dismissed receive thread calls no callback of a session once the lock has been free.
-void await_session_callback() {
-    if (on_receive_thread()) return;  // inside such a callback
-    std::lock_guard<std::mutex> lock(gSessionsMutex);
-}
-
-void drop_registrations() {
-    std::lock_guard<std::mutex> lock(gAuthMutex);
-    fail_waiters(gAuth, gAuthWaitMutex);
-    gAuth.clear();
+    return gReceiving.exchange(false);
 }
 
 void take_leave(std::uint32_t service_id) {
-    const std::string request = "{\"req_type\":\"DINT\",\"Service_Id\":" +
-                                std::to_string(static_cast<std::int32_t>(service_id)) + "}";
-    if (vexa_send_to_manager_raw(request.c_str()) < 0) {
+    char request[64];
+    std::snprintf(request, sizeof request, "{\"req_type\":\"DINT\",\"Service_Id\":%" PRId32 "}",
+                  static_cast<std::int32_t>(service_id));
+    if (send_farewell(request) < 0) {
         log_line(kFailure, "Failed to receive VEXON deinit ack; proceeding anyways");
     }
     disconnect_from_manager();
     gInitDone = false;
 }
 
-void forget_ready_services() {
+// No callback of a session is called in a life that has ended once the lock has been free.
+void await_session_callback() EXCLUDES(gSessionsMutex) {
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
+}
+
+void drop_registrations() EXCLUDES(gAuthMutex) {
+    std::lock_guard<std::mutex> lock(gAuthMutex);
+    gAuth.clear();
+}
+
+void forget_ready_services() EXCLUDES(gReadyMutex) {
     std::lock_guard<std::mutex> lock(gReadyMutex);
-    fail_waiters(gReady, gReadyWaitMutex);
     gReady.clear();
 }
 
-void forget_service_id(std::uint32_t service_id) {
+void forget_service_id(std::uint32_t service_id) EXCLUDES(gClientMutex) {
     std::lock_guard<std::mutex> lock(gClientMutex);
     gService_id = -1;
     log_line(kAlways, "gService_id is %d, svc_id is %d", gService_id,
              static_cast<std::int32_t>(service_id));
+    gLeaving = false;
+    gLeft.notify_all();
 }
 
 }  // namespace
 
 int vexa_svc_deinit(std::uint32_t service_id) {
-    if (const int refusal = check_service_id(service_id); refusal != 0) return refusal;
-    if (refused_in_notice(__func__)) return -1;
-    if (superseded()) return -3;  // it is another connection's process by now
+    if (const int refusal = begin_leaving(service_id); refusal != 0) return refusal;
+    const SessionsUnlocked unlocked;
     const bool was_receiving = dismiss_receiver();
+    wake_waits();
+    if (gInitDone || gIsOneService || was_receiving) take_leave(service_id);
+    close_connection();  // a link that is down may have been opened again
     await_session_callback();
     drop_registrations();
-    if (gInitDone || gIsOneService || was_receiving) take_leave(service_id);
     supported_services_clear();
     forget_ready_services();
     forget_service_id(service_id);

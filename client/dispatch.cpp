@@ -11,10 +11,10 @@
 #include "client/info_query.h"
 #include "client/init_answer.h"
 #include "client/json_access.h"
+#include "client/life.h"
 #include "client/logging.h"
 #include "client/permission_query.h"
 #include "client/ready_session.h"
-#include "client/receive.h"
 #include "client/start_session.h"
 
 namespace {

@@ -4,8 +4,8 @@
 
 #include "client/VexonTimer.h"
 #include "client/json_access.h"
+#include "client/life.h"
 #include "client/logging.h"
-#include "client/receive.h"
 #include "client/session_loss.h"
 #include "client/sessions.h"
 
@@ -16,15 +16,15 @@ void end_service(std::uint32_t session_id, ServiceKey service, const StateCallba
     const auto [opcode, subsystem] = service;
     log_line(kProgress, "Trying to end session %u with 0x%08x::%u", session_id, opcode, subsystem);
     std::lock_guard<std::mutex> lock(gSessionsMutex);
-    SessionServices& services = gSessions[session_id];
-    const auto entry = services.find(service);
-    if (entry == services.end()) {
+    if (gSessions[session_id].count(service) == 0) {
         log_line(kAnomaly, "Session %u with 0x%08x::%u is not active; ignoring", session_id, opcode,
                  subsystem);
         ++counts->failed;
         return;
     }
-    if (inform_session_ended(session_id, service, callback, counts)) services.erase(entry);
+    if (inform_session_ended(session_id, service, callback, counts)) {
+        gSessions[session_id].erase(service);
+    }
 }
 
 // Returns false if the request has to be given up without a response.
@@ -45,9 +45,9 @@ bool end_named_services(std::uint32_t session_id, const Json::Value& opcodes, En
 void end_all_services(std::uint32_t session_id, EndCounts* counts) {
     const auto callbacks = all_state_callbacks();
     std::lock_guard<std::mutex> lock(gSessionsMutex);
-    SessionServices& services = gSessions[session_id];
     // What a service that has left the Manager meanwhile is not told of stays for the next loss.
-    while (!services.empty() && !superseded()) {
+    while (!gSessions[session_id].empty() && !superseded()) {
+        SessionServices& services = gSessions[session_id];
         const ServiceKey service = services.begin()->first;
         services.erase(services.begin());
         const auto callback = callbacks.find(service.first);

@@ -9,11 +9,13 @@
 #include "client/VexonTimer.h"
 #include "client/call_record.h"
 #include "client/json_access.h"
+#include "client/life.h"
 #include "client/logging.h"
 #include "client/params/add_params.h"
 #include "client/params/queues.h"
-#include "client/receive.h"
+#include "client/send.h"
 #include "client/sessions.h"
+#include "client/task_response.h"
 #include "client/threads.h"
 
 namespace {
@@ -53,18 +55,6 @@ vexon_func_call_info_t queues_of(const vexon_func_call_info_t& args) {
     return {{}, 0, args.value_queue, args.type_queue};
 }
 
-// Starts the worker, which from then on owns the call and its arguments.
-void start_worker(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
-    const vexon_func_call_info_t queues = queues_of(args);
-    try {
-        start_thread(calling_wrapper, call.get(), task, std::move(args)).detach();
-    } catch (...) {
-        ClearParamsFromQueues(queues);
-        throw;
-    }
-    static_cast<void>(call.release());
-}
-
 // A service's mistake is answered like any failed task instead of ending the process.
 void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
     char name[kLoggedName + 1];  // the arguments are the task's from here on
@@ -77,11 +67,36 @@ void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task, vexon_func_c
     }
 }
 
-void send_reply(_vexon_call_info_t* call) {
+// The Manager of a later life has not asked: it may even have given the same numbers to a task of
+// its own.
+void send_reply(const _vexon_call_info_t& call, Life life) {
     try {
-        vexa_send_response(call, "");
+        send_in_life(response_text(call, "").c_str(), life);
     } catch (const std::bad_alloc&) {
         log_line(kFailure, "Out of memory");
+    }
+}
+
+// Body of a task's thread.
+void run_and_reply(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args,
+                   Life life) {
+    const vexon_func_call_info_t queues = queues_of(args);
+    run_task(call.get(), task, std::move(args));
+    ClearParamsFromQueues(queues);
+    send_reply(*call, life);
+}
+
+// Starts the worker, which from then on owns the call and its arguments.
+void start_worker(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
+    const vexon_func_call_info_t queues = queues_of(args);
+    try {
+        start_thread([call = std::move(call), task, args = std::move(args),
+                      life = life_of_thread()]() mutable {
+            run_and_reply(std::move(call), task, std::move(args), life);
+        });
+    } catch (...) {
+        ClearParamsFromQueues(queues);
+        throw;
     }
 }
 
@@ -117,11 +132,7 @@ int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task) {
 
 void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
                      vexon_func_call_info_t args) {
-    const CallRecord record(call);
-    const vexon_func_call_info_t queues = queues_of(args);
-    run_task(call, task, std::move(args));
-    ClearParamsFromQueues(queues);
-    send_reply(call);
+    run_and_reply(CallRecord(call), task, std::move(args), life_of_thread());
 }
 
 AfterMessage on_exec_task(const Json::Value& message) {

@@ -15,6 +15,7 @@ AfterMessage on_exec_task(const Json::Value& message);
 VEXON_API int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task)
     REQUIRES(gReadyMutex);
 
-// Body of a task's thread: runs `task`, releases its arguments, sends the reply and frees `call`.
+// What a task's thread does: runs `task`, releases its arguments, sends the reply and frees `call`.
+// A reply is sent in the life of the connection in which its task came, and lost in any other.
 void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
                      vexon_func_call_info_t args);

@@ -1,10 +1,9 @@
 #include "client/info_query.h"
 
-#include "client/IVexaClient.h"
 #include "client/json_access.h"
 #include "client/logging.h"
 #include "client/query.h"
-#include "client/receive.h"
+#include "client/send.h"
 
 namespace {
 
@@ -38,29 +37,15 @@ std::vector<std::string> read_infos(const Json::Value& message) {
     return infos;
 }
 
-}  // namespace
-
-std::vector<std::string> vexa_info_query(unsigned int session_id, std::vector<std::string> names) {
-    return vexa_info_common(session_id, names, "INFO_QUERY\"", "query");
-}
-
-std::vector<std::string> vexa_info_monitor(unsigned int session_id,
-                                           std::vector<std::string> names) {
-    const std::string kind = "INFO_MNTR\",\"service_id\":" + std::to_string(current_service_id());
-    return vexa_info_common(session_id, names, kind, "monitor");
-}
-
-std::vector<std::string> vexa_info_common(unsigned int session_id,
-                                          const std::vector<std::string>& names,
-                                          const std::string& kind, const char* label) {
+std::vector<std::string> ask(unsigned int session_id, const std::vector<std::string>& names,
+                             const std::string& kind, const char* label, Life life) {
     if (names.empty()) return {"ERROR:Empty requested info"};
-    if (refused_on_receive_thread(("vexa_info_" + std::string(label)).c_str())) return {};
     const std::uint32_t query_id = next_query_id();
     const std::string request = info_request(session_id, names, kind, query_id);
     log_line(kTrace, "vexa_info_%s request: %s", label, request.c_str());
 
     PendingQuery<res_infos_meta_data_t> query(info_queries(), query_id);
-    if (vexa_send_to_manager_raw(request.c_str()) == -1) {
+    if (send_in_life(request.c_str(), life) == -1) {
         log_line(kFailure, "Failed to receive VEXON info query ack");
         // The number of names is kept in 8 bits.
         return std::vector<std::string>(static_cast<std::uint8_t>(names.size()));
@@ -69,6 +54,25 @@ std::vector<std::string> vexa_info_common(unsigned int session_id,
     std::vector<std::string> infos = query.await();
     log_line(kTrace, "Exit vexa_info_%s", label);
     return infos;
+}
+
+}  // namespace
+
+std::vector<std::string> vexa_info_query(unsigned int session_id, std::vector<std::string> names) {
+    return vexa_info_common(session_id, names, "INFO_QUERY\"", "query");
+}
+
+std::vector<std::string> vexa_info_monitor(unsigned int session_id,
+                                           std::vector<std::string> names) {
+    const Life life = life_of_call();
+    const std::string kind = "INFO_MNTR\",\"service_id\":" + std::to_string(current_service_id());
+    return ask(session_id, names, kind, "monitor", life);
+}
+
+std::vector<std::string> vexa_info_common(unsigned int session_id,
+                                          const std::vector<std::string>& names,
+                                          const std::string& kind, const char* label) {
+    return ask(session_id, names, kind, label, life_of_call());
 }
 
 AfterMessage on_info(const Json::Value& message) {

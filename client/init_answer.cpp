@@ -1,8 +1,7 @@
 #include "client/init_answer.h"
 
-#include "client/IVexaClient.h"
 #include "client/json_access.h"
-#include "client/receive.h"
+#include "client/life.h"
 
 AfterMessage on_init(const Json::Value& message) {
     const int id = int_member(message, "service_id", -1);

@@ -2,11 +2,10 @@
 
 #include <string>
 
-#include "client/IVexaClient.h"
 #include "client/json_access.h"
 #include "client/logging.h"
 #include "client/query.h"
-#include "client/receive.h"
+#include "client/send.h"
 
 namespace {
 
@@ -51,7 +50,7 @@ std::vector<bool> read_permissions(const Json::Value& message) {
 
 std::vector<bool> vexa_permission_query(unsigned int session_id,
                                         std::vector<std::string> permissions) {
-    if (refused_on_receive_thread(__func__)) return {};
+    const Life life = life_of_call();
     const int service_id = current_service_id();
     const std::uint32_t query_id = next_query_id();
     const std::string request = permission_request(session_id, permissions, service_id, query_id);
@@ -59,7 +58,7 @@ std::vector<bool> vexa_permission_query(unsigned int session_id,
     log_line(kAlways, "vexa_permission_query request: %s", request.c_str());
 
     PendingQuery<permRes_meta_data_t> query(permission_queries(), query_id);
-    if (vexa_send_to_manager_raw(request.c_str()) == -1) {
+    if (send_in_life(request.c_str(), life) == -1) {
         log_line(kFailure, "Failed to receive VEXON permission query ack");
         return permissions.empty() ? std::vector<bool>{false} : std::vector<bool>{};
     }

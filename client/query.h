@@ -12,7 +12,7 @@
 #include <mutex>
 #include <utility>
 
-#include "client/IVexaClient.h"
+#include "client/life.h"
 #include "client/logging.h"
 
 // A table of waiting queries and its lock.
@@ -54,10 +54,11 @@ class PendingQuery {
     PendingQuery(const PendingQuery&) = delete;
     PendingQuery& operator=(const PendingQuery&) = delete;
 
-    // Returns the answer, an empty one if none has come in time.
+    // Returns the answer, an empty one if none has come in time. Does not wait in a state callback,
+    // to whose thread the answer would have to come.
     auto await() NO_THREAD_SAFETY_ANALYSIS {
         std::unique_lock<std::mutex> lock(table_.mutex);
-        await_query_answer(lock, *waiter_.cv, *waiter_.done);
+        if (!must_not_wait()) await_query_answer(lock, *waiter_.cv, *waiter_.done);
         *waiter_.done = false;
         return *waiter_.result;
     }

@@ -2,8 +2,8 @@
 
 #include <mutex>
 
+#include "client/life.h"
 #include "client/logging.h"
-#include "client/receive.h"
 #include "client/sessions.h"
 
 namespace {
@@ -14,7 +14,7 @@ void ready_service(std::uint32_t session_id, ServiceKey service, const StateCall
     log_line(kProgress, "Trying to ready session %u with 0x%08x::%u", session_id, opcode,
              subsystem);
     std::lock_guard<std::mutex> lock(gSessionsMutex);
-    SessionServices& services = gSessions[session_id];
+    const SessionServices& services = gSessions[session_id];
     const auto entry = services.find(service);
     if (entry == services.end()) {
         log_line(kFailure, "Session %u with 0x%08x::%u not started before ready call", session_id,
@@ -29,7 +29,7 @@ void ready_service(std::uint32_t session_id, ServiceKey service, const StateCall
     call_state_callback(
         callback, service_id,
         make_state_request(VEXA_STATUS_SESSION_READY, opcode, subsystem, session_id));
-    if (!superseded()) entry->second = VEXA_SESSION_READY;
+    if (!superseded()) gSessions[session_id][service] = VEXA_SESSION_READY;
 }
 
 // Returns whether there was such a session.

@@ -6,14 +6,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <new>
+#include <utility>
 #include <vector>
 
-#include "client/auth_regs_redy.h"
 #include "client/connection.h"
 #include "client/dispatch.h"
 #include "client/json_access.h"
+#include "client/life.h"
 #include "client/logging.h"
+#include "client/receive_end.h"
 #include "client/session_loss.h"
 
 namespace {
@@ -22,14 +25,16 @@ constexpr std::size_t kHandshakeBufferSize = 5120;
 constexpr std::size_t kSessionBufferSize = 524288;
 constexpr useconds_t kErrorPauseUs = 500'000;
 
-// The number of this receive thread; 0 on all other threads.
-thread_local std::uint32_t tReceiver = 0;
-
 class ReceiveLoop {
   public:
-    void run() {
+    ReceiveLoop(Life life, std::shared_ptr<ManagerSocket> socket)
+        : life_(life), socket_(std::move(socket)) {}
+
+    // Returns why nobody receives any more.
+    vexa_receive_end_t run() {
         while (receive_one()) {
         }
+        return reason_;
     }
 
   private:
@@ -40,13 +45,14 @@ class ReceiveLoop {
         const ssize_t size =
             ::recvfrom(socket_fd(), buffer_.data(), buffer_.size(), 0, nullptr, nullptr);
         const int error = errno;
-        if (closed_by_this_process() || (size < 0 && error == ECONNRESET)) {
-            return end(size, error);
-        }
+        if (closed_by_this_process()) return end(VEXA_RECEIVE_END_DISCONNECTED, size, error);
+        if (size < 0 && error == ECONNRESET) return end(VEXA_RECEIVE_END_RESET, size, error);
         if (size == 0) {
             log_line(kFailure, "Communication with manager failed (%s)", std::strerror(error));
-            if (!close_lost_connection(socket_)) return end(size, error);
-            recover();
+            if (!close_lost_connection(socket_)) {
+                return end(VEXA_RECEIVE_END_DISCONNECTED, size, error);
+            }
+            reason_ = recover();
             return false;
         }
         if (size < 0) {
@@ -58,17 +64,17 @@ class ReceiveLoop {
     }
 
     // Returns false, as what comes last.
-    bool end(ssize_t size, int error) {
+    bool end(vexa_receive_end_t reason, ssize_t size, int error) {
         log_line(kFailure, "%s: recv failed, exit thread.. in_size = %ld, error %d:(%s)",
                  "recv_msg_from_mgr", static_cast<long>(size), error, std::strerror(error));
-        stop_receiving(receiver_);
+        reason_ = reason;
         return false;
     }
 
     int socket_fd() const { return socket_ == nullptr ? -1 : socket_->fd(); }
 
     bool closed_by_this_process() const {
-        return gReceiver != receiver_ || gMgrSocket_fd != socket_fd() || gMgrSocket_fd == -1;
+        return is_over(life_) || gMgrSocket_fd != socket_fd() || gMgrSocket_fd == -1;
     }
 
     bool handle_packet(std::size_t size) {
@@ -91,7 +97,7 @@ class ReceiveLoop {
         }
         const AfterMessage next = dispatch_message(message);
         if (next == AfterMessage::kEndThread) {
-            stop_receiving(receiver_);
+            reason_ = VEXA_RECEIVE_END_REFUSED;
             return false;
         }
         if (next != AfterMessage::kKeepBuffer) clear_buffer(size);
@@ -120,12 +126,17 @@ class ReceiveLoop {
         ::usleep(kErrorPauseUs);
     }
 
-    void recover() {
+    // Returns how it ended.
+    vexa_receive_end_t recover() {
         socket_ = nullptr;
-        stop_receiving(receiver_);
+        stop_receiving(life_);
         tell_services(terminate_sessions);
         forget_init();
-        if (reconnect_as(receiver_) == 0) tell_services(send_reconnection_notification);
+        const Reconnection outcome = reconnect_in(life_);
+        if (outcome == Reconnection::kTimedOut) return VEXA_RECEIVE_END_TIMED_OUT;
+        if (outcome == Reconnection::kNotWanted) return VEXA_RECEIVE_END_CLOSED;
+        tell_services(send_reconnection_notification);
+        return VEXA_RECEIVE_END_RECONNECTED;
     }
 
     // A service's mistake does not end the process.
@@ -141,49 +152,39 @@ class ReceiveLoop {
     // A callback may have taken so long that the process has begun anew by now.
     void forget_init() {
         std::lock_guard<std::mutex> lock(gInitMutex);
-        if (gReceiver == receiver_) gInitDone = false;
+        if (!is_over(life_)) gInitDone = false;
     }
 
-    const std::uint32_t receiver_ = tReceiver;
-    std::shared_ptr<ManagerSocket> socket_ = current_connection();
+    const Life life_;
+    std::shared_ptr<ManagerSocket> socket_;
+    vexa_receive_end_t reason_ = VEXA_RECEIVE_END_ERROR;
     JsonReader reader_;
     std::vector<char> buffer_ = std::vector<char>(kHandshakeBufferSize);
 };
 
+vexa_receive_end_t receive_all(Life life, std::shared_ptr<ManagerSocket> socket) {
+    try {
+        return ReceiveLoop(life, std::move(socket)).run();
+    } catch (const std::exception& error) {
+        log_line(kFailure, "Failed to receive from the Manager (%s)", error.what());
+        return VEXA_RECEIVE_END_ERROR;
+    }
+}
+
 }  // namespace
 
-int recv_msg_from_mgr() {
-    tReceiver = gReceiver;
-    ReceiveLoop().run();
-    return 0;
-}
-
-bool on_receive_thread() {
-    return tReceiver != 0;
-}
-
-bool superseded() {
-    return on_receive_thread() && tReceiver != gReceiver;
-}
-
-bool refused_on_receive_thread(const char* function) {
-    if (!on_receive_thread()) return false;
-    log_line(kFailure, "Failed to run %s: it cannot wait for the Manager in a state callback",
-             function);
-    return true;
-}
-
-bool is_receiving() {
-    std::lock_guard<std::mutex> lock(gInitMutex);
-    return gReceiving;
-}
-
-void stop_receiving(std::uint32_t receiver) {
+void receive_from_manager(Life life, std::shared_ptr<ManagerSocket> socket) {
+    become_receive_thread();
+    vexa_receive_end_t reason = VEXA_RECEIVE_END_DISCONNECTED;
     {
-        std::lock_guard<std::mutex> lock(gInitMutex);
-        if (gReceiver != receiver) return;
-        gReceiving = false;
-        init_cv.notify_all();
+        const LifeScope scope(life);
+        reason = receive_all(life, std::move(socket));
+        stop_receiving(life);
     }
-    fail_pending_acknowledgements();
+    tell_receive_end(life, reason);
+}
+
+int recv_msg_from_mgr() {
+    receive_from_manager(gLife, current_connection());
+    return 0;
 }

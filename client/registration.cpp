@@ -4,8 +4,10 @@
 #include "client/IVexaClient.h"
 #include "client/api_definition.h"
 #include "client/auth_regs_redy.h"
+#include "client/life.h"
 #include "client/logging.h"
-#include "client/receive.h"
+#include "client/send.h"
+#include "client/supported_services.h"
 
 namespace {
 
@@ -39,19 +41,22 @@ void remove_waiter(std::uint32_t opcode, const RegsAuthMetaData& waiter) {
     if (entry != gAuth.end() && entry->second.done == waiter.done) gAuth.erase(entry);
 }
 
+// Puts the waiter where the acknowledgement finds it, unless one for the opcode is there already.
+void add_waiter(std::uint32_t opcode, const RegsAuthMetaData& waiter, Life life) {
+    std::lock_guard<std::mutex> lock(gAuthMutex);
+    if (!is_over(life)) gAuth.insert({opcode, waiter});
+}
+
 // Returns 0 when the Manager has accepted, else -1.
-int authenticate(std::uint32_t opcode, const std::string& request) {
+int authenticate(std::uint32_t opcode, const std::string& request, Life life) {
     const auto waiter = make_waiter<RegsAuthMetaData>();
-    {
-        std::lock_guard<std::mutex> lock(gAuthMutex);
-        gAuth.insert({opcode, waiter});
-    }
-    if (vexa_send_to_manager_raw(request.c_str()) == -1) {
+    add_waiter(opcode, waiter, life);
+    if (send_in_life(request.c_str(), life) == -1) {
         log_line(kFailure,
                  "VEXON service authenticate and registration failed to send to manager.");
         return -1;
     }
-    const std::int32_t result = await_acknowledgement(waiter, gAuthWaitMutex);
+    const std::int32_t result = await_acknowledgement(waiter, gAuthWaits, life);
     remove_waiter(opcode, waiter);
     if (result < 0) {
         log_line(kFailure, "VEXON service auth registration failed.");
@@ -65,27 +70,27 @@ int authenticate(std::uint32_t opcode, const std::string& request) {
 int _vexa_svc_register_auth(std::uint32_t service_id, std::uint32_t opcode,
                             const std::uint8_t* api_def, const char* token) {
     log_line(kProgress, "VEXON service register and authenticate");
-    const int own_id = current_service_id();
-    if (own_id == -1) return -3;
-    if (api_def == nullptr || token == nullptr) return -2;
-    if (static_cast<std::uint32_t>(own_id) != service_id) return -2;
-    if (refused_on_receive_thread(__func__)) return -1;
+    Life life = kNoLife;
+    const int refusal = check_service_id(service_id, &life);
+    if (refusal != -3 && (api_def == nullptr || token == nullptr)) return -2;
+    if (refusal != 0) return refusal;
+    if (refused_where_none_may_wait(__func__)) return -1;
 
     ApiDefinition definition{};
     if (!read_api_definition(api_def, opcode, &definition)) return -1;
     if (!is_for_opcode(definition, opcode)) return -2;
     log_line(kAlways, "json is %.*s", kLoggedLength, definition.json);
 
-    if (authenticate(opcode, auth_request(service_id, opcode, definition.json, token)) != 0) {
+    if (authenticate(opcode, auth_request(service_id, opcode, definition.json, token), life) != 0) {
         return -1;
     }
     for (const std::uint32_t subsystem : definition.subsystems) {
-        supported_services_add(opcode, subsystem);
+        if (!add_supported_service({opcode, subsystem}, life)) return -1;
         log_line(kProgress, "Successfully authed and added 0x%08x::%u service mapping", opcode,
                  subsystem);
     }
     log_line(kProgress, "VEXON service authed and registered");
-    return 0;
+    return is_over(life) ? -1 : 0;
 }
 
 int _vexa_svc_register(std::uint32_t, std::uint32_t, const std::uint8_t*) {

@@ -1,9 +1,10 @@
 #include "client/session_loss.h"
 
 #include <mutex>
+#include <utility>
 
+#include "client/life.h"
 #include "client/logging.h"
-#include "client/receive.h"
 
 namespace {
 
@@ -41,6 +42,7 @@ void log_ended(std::uint32_t session_id, const EndCounts& counts) {
 }
 
 int terminate_sessions() {
+    const LifeScope scope(life_of_thread());  // a service may call this on a thread of its own
     const StateCallbacks callbacks = all_state_callbacks();
     if (nobody_is_ready(callbacks)) return 0;
 
@@ -50,7 +52,8 @@ int terminate_sessions() {
         std::lock_guard<std::mutex> lock(gSessionsMutex);
         if (superseded()) return -1;
         inform_first_service(callbacks, VEXA_STATUS_TERMINATED);
-        for (const auto& [session_id, services] : gSessions) {
+        const auto sessions = std::exchange(gSessions, {});
+        for (const auto& [session_id, services] : sessions) {
             last_session = session_id;
             for (const auto& [service, state] : services) {
                 const auto callback = callbacks.find(service.first);
@@ -58,7 +61,6 @@ int terminate_sessions() {
                 inform_session_ended(session_id, service, callback->second, &counts);
             }
         }
-        gSessions.clear();
     }
     log_ended(last_session, counts);
     return counts.ended > 0 ? 0 : -1;

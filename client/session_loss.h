@@ -1,4 +1,4 @@
-// The end of all sessions when the Manager is lost. Runs on the receive thread.
+// The end of all sessions when the Manager is lost: terminate_sessions().
 
 #pragma once
 
@@ -15,10 +15,6 @@ bool inform_session_ended(std::uint32_t session_id, ServiceKey service,
     REQUIRES(gSessionsMutex);
 
 void log_ended(std::uint32_t session_id, const EndCounts& counts);
-
-// Ends all sessions and tells the services, the one of the lowest opcode first and in general.
-// Returns 0 if a service has ended or none is ready, else -1.
-VEXON_API int terminate_sessions();
 
 // Tells the service of the lowest opcode that the Manager is there again. Returns what its callback
 // answered, and 0 if no service is ready.

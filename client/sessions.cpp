@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "client/json_access.h"
+#include "client/life.h"
 #include "client/logging.h"
-#include "client/receive.h"
 
 namespace {
 
@@ -99,6 +99,7 @@ vexa_req_t make_state_request(vexa_status_t status, std::uint32_t opcode, std::u
 
 int call_state_callback(const StateCallback& callback, int service_id, vexa_req_t request) {
     if (callback.function == nullptr || superseded()) return -1;
+    const SessionCallbackScope scope;
     return callback.function(service_id, &request, callback.user_data);
 }
 
@@ -107,6 +108,15 @@ int inform_session_state(unsigned session_id, unsigned opcode, unsigned subsyste
     log_line(kAlways, "in inform_session_state");
     return call_state_callback({callback, user_data}, current_service_id(),
                                make_state_request(status, opcode, subsystem, session_id));
+}
+
+SessionsUnlocked::SessionsUnlocked() NO_THREAD_SAFETY_ANALYSIS
+    : inside_callback_(in_session_callback()) {
+    if (inside_callback_) gSessionsMutex.unlock();
+}
+
+SessionsUnlocked::~SessionsUnlocked() NO_THREAD_SAFETY_ANALYSIS {
+    if (inside_callback_) gSessionsMutex.lock();
 }
 
 int send_session_response(bool is_start, bool success, std::uint32_t session_id,

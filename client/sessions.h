@@ -57,6 +57,20 @@ int inform_session_state(unsigned session_id, unsigned opcode, unsigned subsyste
                          vexa_state_callback_t callback, void* user_data, vexa_status_t status)
     REQUIRES(gSessionsMutex) EXCLUDES(gClientMutex);
 
+// Lets go of gSessionsMutex, until the object dies, where the caller is inside a session's state
+// callback, which has it. So whoever calls such a callback looks up anew what the lock guards when
+// it has returned.
+class SessionsUnlocked {
+  public:
+    SessionsUnlocked();
+    ~SessionsUnlocked();
+    SessionsUnlocked(const SessionsUnlocked&) = delete;
+    SessionsUnlocked& operator=(const SessionsUnlocked&) = delete;
+
+  private:
+    const bool inside_callback_;
+};
+
 // Sends the response to start_session or end_session; `started` is listed in the former only.
 // Returns 0, or another value when it cannot be sent or the caller is a receive thread that has
 // been dismissed.

@@ -53,8 +53,7 @@ void start_service(std::uint32_t session_id, ServiceKey service, const StateCall
     const int service_id = current_service_id();
 
     std::lock_guard<std::mutex> lock(gSessionsMutex);
-    SessionServices& services = gSessions[session_id];
-    if (already_started(session_id, service, &services, outcome)) return;
+    if (already_started(session_id, service, &gSessions[session_id], outcome)) return;
     if (call_state_callback(
             callback, service_id,
             make_state_request(VEXA_STATUS_SESSION_START, opcode, subsystem, session_id)) != 0) {
@@ -62,7 +61,7 @@ void start_service(std::uint32_t session_id, ServiceKey service, const StateCall
         ++outcome->failed;
         return;
     }
-    services[service] = VEXA_SESSION_STARTED;
+    gSessions[session_id][service] = VEXA_SESSION_STARTED;
     outcome->started_services[opcode].push_back(subsystem);
     ++outcome->started;
     log_line(kProgress, "Session %u with 0x%08x::%u success", session_id, opcode, subsystem);

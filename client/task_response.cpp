@@ -1,7 +1,6 @@
-#include <string>
+#include "client/task_response.h"
 
 #include "client/VexonTimer.h"
-#include "vexon2_0.h"
 
 namespace {
 
@@ -38,10 +37,13 @@ std::string task_response(const _vexon_call_info_t& call) {
 
 }  // namespace
 
-void vexa_send_response(_vexon_call_info_t* info, std::string req_type) {
-    MillisecondTimer timer('m', info->session_id, static_cast<std::uint32_t>(info->transac_id));
-    const std::string text =
-        info->transac_id == -1 ? plain_result(*info, req_type) : task_response(*info);
+std::string response_text(const _vexon_call_info_t& call, const std::string& req_type) {
+    MillisecondTimer timer('m', call.session_id, static_cast<std::uint32_t>(call.transac_id));
+    std::string text = call.transac_id == -1 ? plain_result(call, req_type) : task_response(call);
     timer.stop("vexaSendResponse KRV time taken");
-    vexa_send_to_manager_raw(text.c_str());
+    return text;
+}
+
+void vexa_send_response(_vexon_call_info_t* info, std::string req_type) {
+    vexa_send_to_manager_raw(response_text(*info, req_type).c_str());
 }

@@ -68,6 +68,23 @@ struct vexa_req_t {
 /// vexa_svc_deinit() (logs a line and returns -1).
 typedef int (*vexa_state_callback_t)(int service_id, vexa_req_t* request, void* user_data);
 
+/// Why nobody receives what the Manager sends. In each case vexa_svc_deinit() and vexa_svc_init()
+/// make a new connection; until then the service id and the declared services stay as they are.
+enum vexa_receive_end_t : std::int32_t {
+    VEXA_RECEIVE_END_CLOSED = 0,  ///< the Manager closed; the reconnection was given up
+    /// The Manager went away with a packet unread. Sessions have not been ended and no state
+    /// callback is told: see terminate_sessions().
+    VEXA_RECEIVE_END_RESET = 1,
+    VEXA_RECEIVE_END_ERROR = 2,         ///< the thread could not receive, for want of memory
+    VEXA_RECEIVE_END_REFUSED = 3,       ///< the Manager took the service id back, or gave none
+    VEXA_RECEIVE_END_RECONNECTED = 4,   ///< the Manager closed; connected again, to send only
+    VEXA_RECEIVE_END_TIMED_OUT = 5,     ///< the Manager closed and was not back within 20 s
+    VEXA_RECEIVE_END_DISCONNECTED = 6,  ///< this process closed the connection, or began anew
+};
+
+/// Told that nobody receives any more, see vexa_svc_on_receive_end().
+typedef void (*vexa_receive_end_callback_t)(vexa_receive_end_t reason, void* user_data);
+
 // ---------------------------------------------------------------------------------------------
 // Arguments of a task
 
@@ -228,6 +245,21 @@ VEXON_API int _vexa_svc_ready(std::uint32_t service_id, std::uint32_t opcode,
 /// are lost, with a log line, or go out on the next connection if there is one by then.
 VEXON_API int vexa_svc_deinit(std::uint32_t service_id);
 
+/// Has `callback` told, with `user_data`, when nobody receives any more; a null one is nobody. This
+/// is how a process learns that it is out of service, whatever the cause was (see README.md for how
+/// it gets back). Costs nothing otherwise: nothing is sent and nothing logged.
+///
+/// The callback is called once for each connection for which vexa_svc_init() has started a receive
+/// thread, as the last act of that thread, without locks held. Everything is allowed in it but to
+/// wait for the Manager or for a thread that does (see vexa_state_callback_t). It must not let an
+/// exception out.
+///
+/// Replaces the callback that was set before, and returns when no call of that one goes on any more
+/// (called from inside it, does not wait for itself). Whoever sets the callback anew between
+/// vexa_svc_deinit() and vexa_svc_init() can tell the ends of the two connections apart: later
+/// calls for the former say VEXA_RECEIVE_END_DISCONNECTED. `user_data` stays the caller's.
+VEXON_API void vexa_svc_on_receive_end(vexa_receive_end_callback_t callback, void* user_data);
+
 /// Logs `text` and, on the dedicated socket with markers enabled, sends it to the Manager as it is.
 ///
 /// Returns 0 or -1 as the send did, and where nothing is sent the result of the log call. -1 for a
@@ -250,6 +282,16 @@ VEXON_API void supported_services_clear();
 
 // ---------------------------------------------------------------------------------------------
 // Messages and the connection, for services that need more than the callbacks
+
+/// Ends all sessions: tells the service of the lowest opcode VEXA_STATUS_TERMINATED and each
+/// service of a session VEXA_STATUS_SESSION_END. The library does so itself when the Manager closes
+/// the connection, but in no other case: sessions outlive vexa_svc_deinit() and meet the next
+/// Manager, which knows nothing of them. A service that starts over calls this once nobody receives
+/// any more, before vexa_svc_deinit().
+///
+/// Returns 0 if a service has ended or none is ready (then nothing is done), else -1. Calls the
+/// state callbacks on the calling thread, which may be any, but not from inside a state callback.
+VEXON_API int terminate_sessions();
 
 /// Sends the reply that `info` describes. The library does so itself after each exec callback.
 /// `info` is only read. `req_type` is used for a transaction id of -1 alone, where the message is

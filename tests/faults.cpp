@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "client/receive.h"
+#include "client/life.h"
 
 #include "interposing.h"
 
@@ -26,8 +26,8 @@ void* __libc_calloc(std::size_t, std::size_t);
 
 namespace {
 
-// With which the library sends and receives, other than the Manager in the same process.
-constexpr int kLibraryFlags = 0;
+// The library sends without it, other than the Manager in the same process.
+constexpr int kManagerFlag = MSG_NOSIGNAL;
 
 struct Demand {
     std::atomic<int> times{0};
@@ -94,7 +94,7 @@ EXPORTED int socket(int domain, int type, int protocol) noexcept {
 
 EXPORTED ssize_t sendto(int fd, const void* data, std::size_t size, int flags,
                         const sockaddr* address, socklen_t address_size) {
-    const bool is_due = flags == kLibraryFlags && due(Call::kSendTo);
+    const bool is_due = (flags & kManagerFlag) == 0 && due(Call::kSendTo);
     if (is_due && demand(Call::kSendTo).error != 0) return failed(Call::kSendTo);
     return real(__interceptor_sendto, "sendto")(fd, data, is_due ? size - 1 : size, flags, address,
                                                 address_size);
@@ -104,7 +104,7 @@ EXPORTED ssize_t recvfrom(int fd, void* data, std::size_t size, int flags, socka
                           socklen_t* address_size) {
     const ssize_t received =
         real(__interceptor_recvfrom, "recvfrom")(fd, data, size, flags, address, address_size);
-    return flags == kLibraryFlags && due(Call::kRecvFrom) ? failed(Call::kRecvFrom) : received;
+    return flags == 0 && due(Call::kRecvFrom) ? failed(Call::kRecvFrom) : received;
 }
 
 EXPORTED void* calloc(std::size_t count, std::size_t size) noexcept {
@@ -118,7 +118,7 @@ EXPORTED void* calloc(std::size_t count, std::size_t size) noexcept {
 #if VEXON_OWN_NEW
 
 EXPORTED void* operator new(std::size_t size) {
-    const bool is_due = size >= kLargeBlock && (on_receive_thread() || tMayFail) && due(Call::kNew);
+    const bool is_due = size >= kLargeBlock && (must_not_wait() || tMayFail) && due(Call::kNew);
     void* const block = is_due ? nullptr : std::malloc(size);
     if (block == nullptr) throw std::bad_alloc();
     return block;
