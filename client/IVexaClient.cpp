@@ -89,12 +89,13 @@ void clear_tables() EXCLUDES(gAuthMutex, gReadyMutex) {
     gReady.clear();
 }
 
-// Begins a life unless one goes on whose receive thread still reads. Returns whether it did. A
-// thread that recovers an older connection gives way.
+// Begins a life unless one goes on whose receive thread still reads from the Manager. Returns
+// whether it did. A thread that recovers an older connection, or has yet to see that it is lost,
+// gives way.
 bool begin_life() EXCLUDES(gInitMutex) {
     {
         std::lock_guard<std::mutex> init_lock(gInitMutex);
-        if (gReceiving && gMgrSocket_fd >= 0) return false;
+        if (gReceiving && is_connected()) return false;
         std::lock_guard<std::mutex> lock(gClientMutex);
         ++gLife;
         gReceiving = false;

@@ -181,12 +181,13 @@ std::shared_ptr<ManagerSocket> current_connection() {
     return gMgrSocket;
 }
 
+bool is_connected() {
+    std::lock_guard<std::mutex> lock(gConnectMutex);
+    return gMgrSocket_fd >= 0 && !peer_has_gone(gMgrSocket_fd);
+}
+
 int open_connection() {
-    {
-        std::lock_guard<std::mutex> lock(gConnectMutex);
-        if (gMgrSocket_fd >= 0 && !peer_has_gone(gMgrSocket_fd)) return 0;
-    }
-    return connect_anew();
+    return is_connected() ? 0 : connect_anew();
 }
 
 int send_farewell(const char* msg) {

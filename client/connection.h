@@ -32,9 +32,11 @@ class ManagerSocket {
 // Returns the open connection, null if there is none.
 std::shared_ptr<ManagerSocket> current_connection() EXCLUDES(gSendMutex);
 
-// Connects unless there is a connection whose other end is still open. For a life that has no
-// receive thread. Returns 0, or -1 with a log line; waits 20 s at most for a Manager whose queue of
-// connections is full.
+// Returns whether there is a connection whose other end is still open.
+bool is_connected() EXCLUDES(gConnectMutex);
+
+// Connects unless there is such a connection. For a life that has no receive thread. Returns 0, or
+// -1 with a log line; waits 20 s at most for a Manager whose queue of connections is full.
 int open_connection() EXCLUDES(gConnectMutex, gSendMutex);
 
 // Sends what is said to the Manager before the connection is closed. Waits for no other send, and

@@ -163,12 +163,15 @@ class ReceiveLoop {
 };
 
 vexa_receive_end_t receive_all(Life life, std::shared_ptr<ManagerSocket> socket) {
+    const std::weak_ptr<ManagerSocket> connection = socket;
     try {
         return ReceiveLoop(life, std::move(socket)).run();
     } catch (const std::exception& error) {
         log_line(kFailure, "Failed to receive from the Manager (%s)", error.what());
-        return VEXA_RECEIVE_END_ERROR;
     }
+    // What comes on it would be taken for answers to a later thread's questions.
+    if (const auto open = connection.lock()) close_lost_connection(open);
+    return VEXA_RECEIVE_END_ERROR;
 }
 
 }  // namespace

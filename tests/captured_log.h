@@ -47,6 +47,9 @@ class CapturedLog {
         return state().added.wait_for(lock, timeout, [&] { return count_locked(text) > 0; });
     }
 
+    // Returns whether the calling thread is writing a line down.
+    static bool is_adding() { return adding; }
+
     void clear() {
         const std::lock_guard<std::mutex> lock(state().mutex);
         state().lines.clear();
@@ -62,6 +65,8 @@ class CapturedLog {
     // What liblog puts in place of a missing tag. Only the address counts: the text is gone when a
     // late thread logs while the process exits.
     static inline const char* default_tag = nullptr;
+
+    static inline thread_local bool adding = false;
 
     // Never destroyed: a thread that nobody waits for may log until the process is gone.
     static State& state() {
@@ -80,7 +85,9 @@ class CapturedLog {
 
     static void add(const __android_logger_data* data, const char* message) {
         const std::lock_guard<std::mutex> lock(state().mutex);
+        adding = true;
         state().lines.push_back({data->priority, data->tag != default_tag, message});
+        adding = false;
         state().added.notify_all();
     }
 

@@ -2,21 +2,27 @@
 
 #include <pthread.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <ctime>
+#include <memory>
 #include <new>
 
 #include "client/life.h"
 
+#include "captured_log.h"
 #include "interposing.h"
 
 extern "C" {
 [[gnu::weak]] decltype(pthread_create) __interceptor_pthread_create;
 [[gnu::weak]] decltype(pthread_cond_clockwait) __interceptor_pthread_cond_clockwait;
+[[gnu::weak]] decltype(pthread_mutex_lock) __interceptor_pthread_mutex_lock;
+[[gnu::weak]] decltype(clock_gettime) __interceptor_clock_gettime;
 [[gnu::weak]] decltype(socket) __interceptor_socket;
 [[gnu::weak]] decltype(sendto) __interceptor_sendto;
 [[gnu::weak]] decltype(recvfrom) __interceptor_recvfrom;
@@ -34,13 +40,28 @@ struct Demand {
     std::atomic<int> error{0};
 };
 
-std::array<Demand, 7> gDemands;
+std::array<Demand, 8> gDemands;
 
 Demand& demand(Call call) {
     return gDemands[static_cast<std::size_t>(call)];
 }
 
 thread_local bool tMayFail = false;
+thread_local Gate* tGate = nullptr;
+std::atomic<bool> gHoldNewThreads{false};
+std::atomic<bool> gHeldThreadsGo{false};
+std::atomic<std::time_t> gAdvance{0};
+
+struct Start {
+    void* (*body)(void*);
+    void* argument;
+};
+
+void* start_when_let_go(void* data) {
+    const std::unique_ptr<Start> start(static_cast<Start*>(data));
+    while (!gHeldThreadsGo) ::usleep(1000);
+    return start->body(start->argument);
+}
 
 // Returns whether this call has to fail.
 bool due(Call call) {
@@ -71,13 +92,56 @@ bool all_failed(Call call) {
     return demand(call).times == 0;
 }
 
+void Gate::stop_me_before_lock(int n) {
+    locks_left_ = n;
+    tGate = this;
+}
+
+bool Gate::wait_until_reached() const {
+    for (int i = 0; i < 10'000 && !reached_; ++i) ::usleep(1000);
+    return reached_;
+}
+
+void Gate::pass(const pthread_mutex_t* mutex) {
+    if (mutex != mutex_ || --locks_left_ > 0) return;
+    tGate = nullptr;
+    reached_ = true;
+    while (!open_) ::usleep(1000);
+}
+
+void hold_new_threads(bool hold) {
+    gHoldNewThreads = hold;
+}
+
+void let_held_threads_go() {
+    gHeldThreadsGo = true;
+}
+
+void advance_clock(std::chrono::seconds time) {
+    gAdvance += time.count();
+}
+
 extern "C" {
 
 EXPORTED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                             void* (*start)(void*), void* argument) noexcept {
     if (due(Call::kPthreadCreate)) return demand(Call::kPthreadCreate).error;
-    return real(__interceptor_pthread_create, "pthread_create")(thread, attributes, start,
-                                                                argument);
+    const auto create = real(__interceptor_pthread_create, "pthread_create");
+    if (!gHoldNewThreads) return create(thread, attributes, start, argument);
+    return create(thread, attributes, start_when_let_go, new Start{start, argument});
+}
+
+EXPORTED int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+    if (tGate != nullptr) tGate->pass(mutex);
+    static const auto lock = real(__interceptor_pthread_mutex_lock, "pthread_mutex_lock");
+    return lock(mutex);
+}
+
+EXPORTED int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    static const auto read = real(__interceptor_clock_gettime, "clock_gettime");
+    const int result = read(clock, time);
+    if (clock == CLOCK_MONOTONIC) time->tv_sec += gAdvance;
+    return result;
 }
 
 EXPORTED int pthread_cond_clockwait(pthread_cond_t* cv, pthread_mutex_t* mutex, clockid_t clock,
@@ -118,7 +182,9 @@ EXPORTED void* calloc(std::size_t count, std::size_t size) noexcept {
 #if VEXON_OWN_NEW
 
 EXPORTED void* operator new(std::size_t size) {
-    const bool is_due = size >= kLargeBlock && (must_not_wait() || tMayFail) && due(Call::kNew);
+    const bool may_fail = (must_not_wait() || tMayFail) && !CapturedLog::is_adding();
+    const bool is_due =
+        may_fail && ((size >= kLargeBlock && due(Call::kNew)) || due(Call::kAnyNew));
     void* const block = is_due ? nullptr : std::malloc(size);
     if (block == nullptr) throw std::bad_alloc();
     return block;

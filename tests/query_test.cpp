@@ -109,7 +109,7 @@ TEST_F(QueryTest, LateLostAndMalformedAnswersEndInTheTimeOut) {
     ASSERT_NO_FATAL_FAILURE(wait_until_handled());
 }
 
-TEST_F(ServiceTest, QueriesThatCannotBeSentOrWouldBlockTheirAnswerReturnAtOnce) {
+TEST_F(ServiceTest, QueriesThatCannotBeSentReturnAtOnce) {
     EXPECT_EQ(Flags{}, vexa_permission_query(5, {"x"}));
     EXPECT_EQ(Flags{false}, vexa_permission_query(5, {}));
     EXPECT_TRUE(log_.contains("Failed to receive VEXON permission query ack") == false)
@@ -119,21 +119,43 @@ TEST_F(ServiceTest, QueriesThatCannotBeSentOrWouldBlockTheirAnswerReturnAtOnce) 
     EXPECT_EQ(Texts{}, vexa_info_query(5, Texts(256, "x")));
     EXPECT_EQ(Texts{"ERROR:Empty requested info"}, vexa_info_query(5, {}));
 
-    ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    std::promise<std::pair<Flags, Texts>> results;
-    recorder_.answer_with([&](const vexa_req_t&) {
-        results.set_value({vexa_permission_query(5, {"x"}), vexa_info_query(5, {"x"})});
-        return 0;
-    });
-    manager_.start_session(5, {{kOpcode, {1}}});
-    EXPECT_EQ((std::pair<Flags, Texts>{}), results.get_future().get());
-    EXPECT_TRUE(log_.contains("Failed to run vexa_permission_query: it cannot wait"));
-
+    ASSERT_NO_FATAL_FAILURE(init());
     disconnect_from_manager();
     vexa_permission_query(5, {"x"});
     vexa_info_query(5, {"x"});
     EXPECT_TRUE(log_.contains("Failed to receive VEXON permission query ack"));
     EXPECT_TRUE(log_.contains("Failed to receive VEXON info query ack"));
+}
+
+// The answer would have to come to the very thread that asks.
+TEST_F(ServiceTest, QueriesOfAStateCallbackAreSentAndNotWaitedFor) {
+    using Results = std::tuple<Flags, Texts, Texts>;
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    for (const char* const message :
+         {R"({"req_type":"start_session","session_id":5,"opcodes":[)"
+          R"({"id":"1a","subsystems":[{"id":1}]}]})",
+          R"({"req_type":"state_change","state":"s","value":"v","session_id":5})"}) {
+        std::promise<Results> results;
+        recorder_.answer_with([&](const vexa_req_t&) {
+            const auto start = std::chrono::steady_clock::now();
+            results.set_value({vexa_permission_query(5, {"x"}), vexa_info_query(5, {"x"}),
+                               vexa_info_monitor(5, {"x"})});
+            EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << "a time-out takes 3 s";
+            return 0;
+        });
+        log_.clear();
+        manager_.send_to_all(message);
+        EXPECT_EQ(Results{}, results.get_future().get());
+        EXPECT_TRUE(expect("PERMISSION"));
+        EXPECT_TRUE(expect("INFO_QUERY"));
+        EXPECT_TRUE(expect("INFO_MNTR"));
+        EXPECT_TRUE(log_.contains("waiting for response in vexa_info_monitor"));
+        EXPECT_TRUE(log_.contains("Exit vexa_permission_query"));
+        EXPECT_FALSE(log_.contains("Failed to run"));
+        ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+        EXPECT_EQ(3U, log_.count("client Sending message {\"req_type\":\"PERMISSION") +
+                          log_.count("client Sending message {\"req_type\":\"INFO_"));
+    }
 }
 
 struct InfoResult {
