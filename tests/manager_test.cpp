@@ -44,10 +44,15 @@ class Client {
         EXPECT_GE(::send(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL), 0) << text;
     }
 
+    /// Returns whether there was room for it.
+    bool try_to_send(const std::string& text) {
+        return ::send(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
+    }
+
     std::string receive() {
         std::string text(2 * kLarge, '\0');
         const ssize_t size = recv(socket_.get(), text.data(), text.size(), 0);
-        if (size < 0) return "nothing came";
+        if (size < 0) return errno == ECONNRESET ? "reset" : "nothing came";
         text.resize(static_cast<std::size_t>(size));
         return size == 0 ? "closed" : text;
     }
@@ -155,6 +160,15 @@ A? INIT "any":0 => "service_id":1
 A> {"req_type":"PERMISSION","QueryId":1,"status":0,"PermRes":["0"]})");
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 200ms);
     EXPECT_EQ(simulated.log().size(), 10U) << "all but an answer to the client that left";
+    play(R"(twice permission
+A? PERMISSION "Permissions":["X"],"QueryId":3 => "QueryId":3,"status":0,"PermRes":["0"]
+A> {"req_type":"PERMISSION","QueryId":3,"status":0,"PermRes":["0"]}
+twice init
+A? INIT "any":0 => "service_id":2
+A> {"req_type":"INIT","service_id":2}
+answer init
+A? INIT "any":0 => "service_id":3
+A? AUTH "Opcode":27 => "opcode":"27","result":0)");
     simulated.send_for_opcode(26, "now to the other");
     EXPECT_EQ(clients['A'].receive(), "now to the other");
 }
@@ -187,6 +201,42 @@ A> one  {x}
 A> closed
 C? INIT "any":0 => "service_id":1)");
     EXPECT_THROW(simulated.send_for_opcode(26, "x"), ManagerError) << "its client is gone";
+}
+
+TEST_F(Simulated, ResetsOnlyClientsOfWhichAPacketIsUnreadAndOnlyWhenItEndsAbruptly) {
+    const std::string unread = "\nreading off\nA< 1\nA< 2\n";
+    for (const auto& [what, seen] :
+         std::vector<std::pair<std::string, const char*>>{{unread + "close", "closed"},
+                                                          {unread + "restart", "closed"},
+                                                          {unread + "close --abrupt", "reset"},
+                                                          {unread + "restart 10 --abrupt", "reset"},
+                                                          {unread + "restart --abrupt 10", "reset"},
+                                                          {"\nclose --abrupt", "closed"},
+                                                          {"\nrestart --abrupt", "closed"}}) {
+        const std::size_t received = simulated.received().size();
+        const bool reads_all = what.find("--abrupt") == std::string::npos;
+        play("A< 0\nexpect 0 10000\nB< 0\nexpect 0 10000" + what);
+        EXPECT_EQ(clients['A'].receive(), seen) << what;
+        EXPECT_EQ(clients['B'].receive(), "closed") << what;
+        EXPECT_EQ(simulated.received().size() - received, reads_all ? 4U : 2U) << what;
+        play("reading on\nA! \nB! ");
+    }
+    simulated.set_reading(false);
+    play("C< unread");
+    ASSERT_TRUE(simulated.wait_for_clients(1, 10s));
+    simulated.stop(Ending::Abrupt);
+    EXPECT_EQ(clients['C'].receive(), "reset");
+}
+
+TEST_F(Simulated, ReadsNothingWhileReadingIsOffAndAllOfItAfterwards) {
+    play("A< 0\nexpect 0 10000\nreading off\nsend to A\nA> to A");
+    Client& client = clients['A'];
+    std::size_t sent = 0;
+    while (client.try_to_send(std::string(1000, 'x'))) ++sent;
+    EXPECT_GT(sent, 0U);
+    EXPECT_EQ(simulated.received().size(), 1U);
+    play("reading on\nA< end\nexpect end 10000");
+    EXPECT_EQ(simulated.received().size(), sent + 2);
 }
 
 TEST_F(Simulated, SurvivesBadPackets) {
@@ -292,6 +342,8 @@ TEST_F(Simulated, SaysWhatIsWrong) {
              {"replay /nowhere", "cannot read /nowhere"},
              {"record /nowhere/file", "cannot write /nowhere/file"},
              {"close now", "\"now\" is too much"},
+             {"restart --abrupt 5 5", "\"5\" is too much"},
+             {"reading maybe", "off or on expected, not \"maybe\""},
          }) {
         expect_part(complaint([&, text = line] { play(text); }), message);
     }
@@ -365,10 +417,12 @@ TEST(JsonLines, AreValidAndKeepPacketsToTheByte) {
 
 TEST(Completion, OffersWhatMayFollow) {
     for (const auto& [line, words] : std::vector<std::pair<std::string, std::string>>{
-             {"re", "ready record refuse replay restart "},
+             {"re", "reading ready record refuse replay restart "},
              {"refuse ", "auth info init permission ready "},
              {"permission-change \"X\" g", "granted "},
              {"call --c", "--count "},
+             {"restart --", "--abrupt "},
+             {"reading o", "off on "},
              {"replay --timeout 5 /proc/self/fdi", "/proc/self/fdinfo/ "},
              {"start ", ""},
              {"bogus x", ""}}) {

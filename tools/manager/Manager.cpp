@@ -28,12 +28,13 @@ void SimulatedManager::start() {
     thread_ = std::thread([this] { serve(); });
 }
 
-void SimulatedManager::stop() {
+void SimulatedManager::stop(Ending ending) {
     const std::lock_guard lifecycle(lifecycle_mutex_);
     if (!thread_.joinable()) return;
     {
         const Lock lock(mutex_);
         running_ = false;
+        ending_ = ending;
     }
     changed_.notify_all();
     // Removed while it is still ours: once we no longer listen, another Manager may take the path.
@@ -74,12 +75,26 @@ void SimulatedManager::send_for_opcode(Opcode opcode, const std::string& text) {
     deliver(client_for(opcode), text);
 }
 
-void SimulatedManager::close_clients() {
+void SimulatedManager::begin_to_close(Ending ending) {
+    for (ConnectedClient& client : clients_) {
+        if (client.closing) continue;
+        client.closing = true;
+        client.ending = ending;
+    }
+}
+
+void SimulatedManager::close_clients(Ending ending) {
     Lock lock(mutex_);
-    for (ConnectedClient& client : clients_) client.closing = true;
+    begin_to_close(ending);
     wake_thread();
     const int last = last_client_;
     changed_.wait(lock, [&] { return clients_.empty() || clients_.front().number > last; });
+}
+
+void SimulatedManager::set_reading(bool reading) {
+    const Lock lock(mutex_);
+    reading_ = reading;
+    wake_thread();
 }
 
 template <typename Done>

@@ -62,7 +62,7 @@ class SimulatedManager {
 
     /// Closes all connections as close_clients() does, removes the socket file and wakes waiting
     /// calls, which report that nothing came; nothing if not running. Waits for the thread to end.
-    void stop();
+    void stop(Ending ending = Ending::Orderly);
 
     /// Has the observers called, in the order of the log, with each packet and with each client
     /// that connects or is disconnected. They run on the thread that received or sent, one at a
@@ -78,9 +78,13 @@ class SimulatedManager {
     void send_for_opcode(Opcode opcode, const std::string& text);
 
     /// Closes the connections of all clients and goes on listening. Returns when they are closed.
-    /// Everything they sent until then has been received, so that they see an end of the
-    /// connection and no reset. What is still to be sent to a slow client is lost.
-    void close_clients();
+    /// What is still to be sent to a slow client is lost.
+    void close_clients(Ending ending = Ending::Orderly);
+
+    /// Whether packets of clients are received, as they are at first. While they are not, the send
+    /// buffers of clients fill up, and it is not noticed who leaves. Only an orderly ending still
+    /// receives what has come.
+    void set_reading(bool reading);
 
     // How the Manager answers by itself. At first it accepts everything at once, grants no
     // permission and knows no information. An answer is made up when its request comes.
@@ -98,6 +102,9 @@ class SimulatedManager {
     /// Whether requests of the step get no answer at all, unless by send(); two names of one rule.
     void set_drop(Step step, bool drop);
     void set_silent(Step step, bool silent) { set_drop(step, silent); }
+
+    /// Whether each answer of the step is sent twice.
+    void set_twice(Step step, bool twice);
 
     /// Whether requests are answered at all, as they are at first. `at_once`, if it is not empty,
     /// is called between two packets, at the moment of the change, with the connected clients; it
@@ -164,6 +171,7 @@ class SimulatedManager {
     // The caller of all below holds the lock.
     std::vector<pollfd> poll_set() const;
     std::vector<int> client_numbers() const;
+    void begin_to_close(Ending ending);
     ConnectedClient* find_client(int number);
     ConnectedClient& client_for(Opcode opcode);
     TargetsByClient by_client(const std::vector<Target>& targets);
@@ -194,6 +202,8 @@ class SimulatedManager {
     /// Notified after every change that a waiting call may be waiting for.
     std::condition_variable changed_;
     bool running_ = false;
+    Ending ending_ = Ending::Orderly;
+    bool reading_ = true;
     /// Only the Manager's thread adds and removes elements.
     std::list<ConnectedClient> clients_;
     int last_client_ = 0;

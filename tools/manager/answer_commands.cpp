@@ -60,9 +60,16 @@ Action parse_drop(Words& words) {
     };
 }
 
+Action parse_twice(Words& words) {
+    return [step = take_step(words)](CommandContext& context) {
+        context.manager.set_twice(step, true);
+    };
+}
+
 Action parse_answer(Words& words) {
     return [step = take_step(words)](CommandContext& context) {
         context.manager.set_drop(step, false);
+        context.manager.set_twice(step, false);
         context.manager.set_delay(step, std::chrono::milliseconds(0));
     };
 }

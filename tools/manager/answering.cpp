@@ -27,6 +27,11 @@ void SimulatedManager::set_drop(Step step, bool drop) {
     answers_.set_drop(step, drop);
 }
 
+void SimulatedManager::set_twice(Step step, bool twice) {
+    const Lock lock(mutex_);
+    answers_.set_twice(step, twice);
+}
+
 void SimulatedManager::set_answering(
     bool answering, const std::function<void(const std::vector<int>& clients)>& at_once) {
     const Lock lock(mutex_);
@@ -57,10 +62,12 @@ void SimulatedManager::answer(ConnectedClient& client, const Request& request) {
     if (!answering_) return;
     const auto answer = answers_.answer(request);
     if (!answer) return;
-    if (answer->delay.count() > 0) {
-        delayed_.add(Clock::now() + answer->delay, {client.number, answer->text});
-    } else {
-        enqueue(client, answer->text);
+    for (int i = 0; i < answer->times; ++i) {
+        if (answer->delay.count() > 0) {
+            delayed_.add(Clock::now() + answer->delay, {client.number, answer->text});
+        } else {
+            enqueue(client, answer->text);
+        }
     }
 }
 

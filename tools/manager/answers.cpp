@@ -36,7 +36,7 @@ bool Answers::refuses(const Request& request) const {
 std::optional<Answer> Answers::answer(const Request& request) {
     const Rule& found = rule(request.step);
     if (found.drop || !is_answerable(request)) return std::nullopt;
-    return Answer{text(request), found.delay};
+    return Answer{text(request), found.delay, found.twice ? 2 : 1};
 }
 
 std::string Answers::text(const Request& request) {

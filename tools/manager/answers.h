@@ -12,10 +12,11 @@
 
 namespace manager {
 
-/// What the Manager answers, and how late.
+/// What the Manager answers, how late and how often.
 struct Answer {
     std::string text;
     std::chrono::milliseconds delay;
+    int times;
 };
 
 /// Decides the Manager's own answers to the requests of clients. Not thread-safe: its owner locks.
@@ -26,6 +27,7 @@ class Answers {
     void accept(Step step, std::optional<Opcode> opcode) { rule(step).set(false, opcode); }
     void set_delay(Step step, std::chrono::milliseconds delay) { rule(step).delay = delay; }
     void set_drop(Step step, bool drop) { rule(step).drop = drop; }
+    void set_twice(Step step, bool twice) { rule(step).twice = twice; }
 
     void grant(const std::string& permission) { granted_.insert(permission); }
     void deny(const std::string& permission) { granted_.erase(permission); }
@@ -45,6 +47,7 @@ class Answers {
         void set(bool refused, std::optional<Opcode> opcode);
 
         bool drop = false;
+        bool twice = false;
         std::chrono::milliseconds delay{0};
         bool refuse_all = false;
         /// The opcodes for which the contrary of `refuse_all` holds.

@@ -24,6 +24,7 @@ Action parse_refuse(Words& words);
 Action parse_accept(Words& words);
 Action parse_delay(Words& words);
 Action parse_drop(Words& words);
+Action parse_twice(Words& words);
 Action parse_answer(Words& words);
 Action parse_grant(Words& words);
 Action parse_deny(Words& words);
@@ -32,6 +33,7 @@ Action parse_info(Words& words);
 // Packets and connections.
 Action parse_send(Words& words);
 Action parse_expect(Words& words);
+Action parse_reading(Words& words);
 Action parse_close(Words& words);
 Action parse_restart(Words& words);
 

@@ -32,7 +32,7 @@ Action parse_quit(Words&) {
     return [](CommandContext& context) { context.quit = true; };
 }
 
-constexpr std::array<Command, 25> kCommands{{
+constexpr std::array<Command, 27> kCommands{{
     {"start", "SESSION OPCODE:SUBSYS[,SUBSYS]...",
      "Start a session for the subsystems of one or more opcodes. OPCODE is hexadecimal, SESSION\n"
      "and SUBSYS are decimal.",
@@ -76,7 +76,9 @@ constexpr std::array<Command, 25> kCommands{{
      "them. A client that has gone meanwhile gets none.",
      parse_delay},
     {"drop", "TYPE", "Do not answer such requests from now on.", parse_drop},
-    {"answer", "TYPE", "Answer such requests again, and at once: the end of delay and drop.",
+    {"twice", "TYPE", "Send each answer to such requests twice from now on.", parse_twice},
+    {"answer", "TYPE",
+     "Answer such requests again, at once and once: the end of delay, drop and twice.",
      parse_answer},
     {"send", "[@CLIENT] RAW-TEXT", "Send the rest of the line to one client or to every client.",
      parse_send},
@@ -85,11 +87,17 @@ constexpr std::array<Command, 25> kCommands{{
      "a match of the POSIX extended REGEX. Begins after the packet of the last expect that was\n"
      "met, and so finds a packet that came before the command was reached.",
      parse_expect},
-    {"close", "", "Close the connections of all clients.", parse_close},
-    {"restart", "[MS]",
+    {"reading", "off|on",
+     "Receive nothing from clients, so that their send buffers fill up, or receive again.",
+     parse_reading},
+    {"close", "[--abrupt]",
+     "Close the connections of all clients. With --abrupt, those of which a packet is unread see\n"
+     "a reset. With reading off, that are all that have sent something since.",
+     parse_close},
+    {"restart", "[--abrupt] [MS]",
      "Close all connections and the socket, and come back after MS (0) like a new Manager, which\n"
      "gives ids from 1 and knows no opcodes. What refuse, grant and the like set stays. Ends when\n"
-     "the Manager is back.",
+     "the Manager is back. --abrupt is that of close.",
      parse_restart},
     {"record", "[FILE]",
      "Write the conversation to FILE from now on, in place of what is there, or, without FILE, no\n"

@@ -10,6 +10,15 @@
 
 namespace manager {
 
+/// How the Manager ends connections.
+enum class Ending {
+    /// Everything that clients sent is received first, so that they see an end of the connection.
+    Orderly,
+    /// As by a Manager that dies: what clients sent last may be left unread. A client of which a
+    /// packet is, or that was not accepted yet, sees a reset; any other sees an end.
+    Abrupt,
+};
+
 /// What the Manager knows of a connected client.
 struct ConnectedClient {
     int number;
@@ -20,6 +29,8 @@ struct ConnectedClient {
     /// The sessions that were started for it.
     std::set<std::int64_t> sessions = {};
     bool closing = false;
+    /// How, if it is closing.
+    Ending ending = Ending::Orderly;
     /// Whether it ended the connection itself.
     bool left = false;
 };

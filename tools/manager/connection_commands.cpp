@@ -23,8 +23,12 @@ void expect(SimulatedManager& manager, const Matcher& matcher, std::chrono::mill
                     timeout.count(), matcher.description(), others.size(), newest));
 }
 
-void restart(CommandContext& context, std::chrono::milliseconds downtime) {
-    context.manager.stop();
+constexpr std::array<Option<Ending>, 1> kEndingOptions{{
+    {"--abrupt", [](Words&, Ending& ending) { ending = Ending::Abrupt; }},
+}};
+
+void restart(CommandContext& context, Ending ending, std::chrono::milliseconds downtime) {
+    context.manager.stop(ending);
     context.interruption.sleep(downtime);
     if (context.interruption.signal() == 0) context.manager.start();
 }
@@ -55,14 +59,26 @@ Action parse_expect(Words& words) {
         [matcher, timeout](CommandContext& context) { expect(context.manager, matcher, timeout); };
 }
 
-Action parse_close(Words&) {
-    return [](CommandContext& context) { context.manager.close_clients(); };
+Action parse_reading(Words& words) {
+    constexpr std::array<Choice<bool>, 2> kChoices{{{"off", false}, {"on", true}}};
+    return [reading = take_choice(words, kChoices, "off or on")](CommandContext& context) {
+        context.manager.set_reading(reading);
+    };
+}
+
+Action parse_close(Words& words) {
+    Ending ending = Ending::Orderly;
+    take_options(words, kEndingOptions, ending);
+    return [ending](CommandContext& context) { context.manager.close_clients(ending); };
 }
 
 Action parse_restart(Words& words) {
+    Ending ending = Ending::Orderly;
+    take_options(words, kEndingOptions, ending);
     const auto downtime =
         words.at_end() ? std::chrono::milliseconds(0) : take_milliseconds(words, "MS");
-    return [downtime](CommandContext& context) { restart(context, downtime); };
+    take_options(words, kEndingOptions, ending);
+    return [ending, downtime](CommandContext& context) { restart(context, ending, downtime); };
 }
 
 }  // namespace manager

@@ -39,8 +39,10 @@ void SimulatedManager::serve() {
 std::vector<pollfd> SimulatedManager::poll_set() const {
     std::vector<pollfd> set{{wake_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
     for (const ConnectedClient& client : clients_) {
-        const short wanted = client.unsent.empty() ? POLLIN : POLLIN | POLLOUT;
-        set.push_back({client.connection.get(), wanted, 0});
+        const int wanted = (reading_ ? POLLIN : 0) | (client.unsent.empty() ? 0 : POLLOUT);
+        // With nothing wanted, poll() would still return at once when the client has left.
+        const int watched = wanted == 0 ? -1 : client.connection.get();
+        set.push_back({watched, static_cast<short>(wanted), 0});
     }
     return set;
 }
@@ -52,7 +54,7 @@ bool SimulatedManager::handle_events(const std::vector<pollfd>& events) {
     for (ConnectedClient& client : clients_) {
         const int happened = (event++)->revents;
         if (happened & POLLOUT) flush(client);
-        if (happened & ~POLLOUT) client.left = !receive_from(client);
+        if (reading_ && (happened & ~POLLOUT)) client.left = !receive_from(client);
     }
     send_due_answers();
     remove_closing_clients();
@@ -91,9 +93,11 @@ void SimulatedManager::remove_closing_clients() {
             ++client;
             continue;
         }
-        // The client would see a reset if a packet of it were left unread.
-        end_connection(client->connection.get());
-        while (receive_from(*client)) continue;
+        // The client sees a reset if a packet of it is left unread.
+        if (client->ending == Ending::Orderly) {
+            end_connection(client->connection.get());
+            while (receive_from(*client)) continue;
+        }
         const int number = client->number;
         const Change change = client->left ? Change::Left : Change::Closed;
         routes_.remove_client(number);
@@ -104,10 +108,12 @@ void SimulatedManager::remove_closing_clients() {
 
 void SimulatedManager::disconnect_all() {
     const Lock lock(mutex_);
-    // A client that waits to be accepted would see a reset, too.
-    end_connection(listener_.get());
-    accept_clients();
-    for (ConnectedClient& client : clients_) client.closing = true;
+    // A client that waits to be accepted sees a reset, too.
+    if (ending_ == Ending::Orderly) {
+        end_connection(listener_.get());
+        accept_clients();
+    }
+    begin_to_close(ending_);
     remove_closing_clients();
     changed_.notify_all();
 }
