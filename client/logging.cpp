@@ -1,6 +1,7 @@
 #include "client/logging.h"
 
 #include <android/log.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -30,6 +31,10 @@ class LogCloser {
         for (int i = 0; gLinesInWork > 0 && i < kExitPauses; ++i) ::usleep(kExitPauseUs);
     }
 };
+
+// The threads that write are not in a child process, which is not to wait for them.
+[[maybe_unused]] const int kForkHandled =
+    ::pthread_atfork(nullptr, nullptr, [] { gLinesInWork = 0; });
 
 class LineScope {
   public:

@@ -40,11 +40,12 @@ class CapturedLog {
         return count_locked(text);
     }
 
-    // Waits for a line that has `text` in it, written since the start or clear(). Returns false if
-    // there is none after `timeout`.
-    bool wait_for(const std::string& text, std::chrono::milliseconds timeout) const {
+    // Waits for `times` lines that have `text` in them, written since the start or clear(). Returns
+    // false if there are fewer after `timeout`.
+    bool wait_for(const std::string& text, std::chrono::milliseconds timeout,
+                  std::size_t times = 1) const {
         std::unique_lock<std::mutex> lock(state().mutex);
-        return state().added.wait_for(lock, timeout, [&] { return count_locked(text) > 0; });
+        return state().added.wait_for(lock, timeout, [&] { return count_locked(text) >= times; });
     }
 
     // Returns whether the calling thread is writing a line down.

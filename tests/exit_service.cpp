@@ -1,13 +1,17 @@
 // A service process that ends in the midst of its work, in one of several ways.
-// Usage: vexon_exit_service LIBRARY return|task|deinit|unload
+// Usage: vexon_exit_service LIBRARY return|task|deinit|unload|log|fork
 
+#include <android/log.h>
 #include <dlfcn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vexon2_0.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -31,6 +35,58 @@ Function* symbol(void* library, const char* name) {
     return found;
 }
 
+int (*gLogMarker)(const char*) = nullptr;
+std::atomic<int> gLines{0};
+std::atomic<bool> gLineInWork{false};
+long gSleepsBefore = 0;
+
+// A log that takes its time for every line but the first.
+void write_slowly(const __android_logger_data*, const char*) {
+    if (++gLines == 1) return;
+    gLineInWork = true;
+    ::usleep(300'000);
+    gLineInWork = false;
+}
+
+// Returns how often this thread has gone to sleep.
+long sleeps() {
+    rusage usage{};
+    ::getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_nvcsw;
+}
+
+// Runs when the library's statics have died.
+void check_that_the_log_is_closed() {
+    if (gLineInWork) std::_Exit(7);
+    const int lines = gLines;
+    gLogMarker("late");
+    if (gLines != lines) std::_Exit(8);
+}
+
+// Runs then in a child process in which no line is being written: there is nothing to wait for.
+void check_that_there_was_no_wait() {
+    if (sleeps() - gSleepsBefore > 100) std::_Exit(9);
+}
+
+// Exits while another thread writes a line, or has a child process do that.
+int exit_while_logging(bool in_child) {
+    std::atexit(in_child ? check_that_there_was_no_wait : check_that_the_log_is_closed);
+    __android_log_set_logger(write_slowly);
+    gLogMarker("first");
+    std::thread([] { gLogMarker("slow"); }).detach();
+    while (!gLineInWork) ::usleep(100);
+    if (!in_child) return EXIT_SUCCESS;
+
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::atexit([] { gSleepsBefore = sleeps(); });
+        return EXIT_SUCCESS;
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    std::_Exit(WIFEXITED(status) ? WEXITSTATUS(status) : 10);
+}
+
 }  // namespace
 
 int main(int, char** argv) {
@@ -38,6 +94,8 @@ int main(int, char** argv) {
     gExitInTask = way == "task";
     void* const library = ::dlopen(argv[1], RTLD_NOW);
     if (library == nullptr) return 2;
+    gLogMarker = symbol<decltype(vexa_log_marker)>(library, "vexa_log_marker");
+    if (way == "log" || way == "fork") return exit_while_logging(way == "fork");
 
     const auto id =
         static_cast<std::uint32_t>(symbol<decltype(vexa_svc_init)>(library, "vexa_svc_init")());

@@ -86,6 +86,14 @@ TEST_P(Exit, AtWorkNeitherCrashesNorHangs) {
     }
 }
 
+TEST(ExitInTheMidstOfALine, WaitsForItAndLetsNoOtherBegin) {
+    EXPECT_EQ(0, run_service("log"));
+}
+
+TEST(ExitInTheMidstOfALine, OfTheParentProcessIsNotWaitedFor) {
+    EXPECT_EQ(0, run_service("fork"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Ways, Exit, ::testing::Values("return", "task", "deinit", "unload"),
                          [](const auto& way) { return std::string(way.param); });
 

@@ -1,7 +1,10 @@
 #include "faults.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <functional>
+#include <tuple>
 
 #include "client/IVexaClient.h"
 #include "client/query.h"
@@ -147,6 +150,43 @@ TEST_F(FaultTest, ReceiveErrorsCostAPauseAndAResetEndsTheThread) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     ASSERT_NO_FATAL_FAILURE(open_session(6));
     EXPECT_TRUE(serves(6));
+}
+
+TEST_F(FaultTest, AReceiveErrorCostsHalfASecond) {
+    const auto start = std::chrono::steady_clock::now();
+    fail(Call::kRecvFrom, EINTR);
+    manager_.send_to_all("{}");
+    ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
+}
+
+TEST_F(ServiceTest, CallersThatWaitReturnWhenTheConnectionIsReset) {
+    const auto blob = with_header(definition("1a", ""));
+    const std::tuple<const char*, manager::Step, std::function<int()>> calls[] = {
+        {"INIT", manager::Step::Init, vexa_svc_init},
+        {"AUTH", manager::Step::Auth,
+         [&] { return _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token"); }},
+        {"REDY", manager::Step::Ready,
+         [&] { return _vexa_svc_ready(id(), kOpcode, nullptr, nullptr, echo_name); }},
+    };
+    for (const auto& [request, step, call] : calls) {
+        SCOPED_TRACE(request);
+        const bool has_id = step != manager::Step::Init;
+        manager_.set_silent(step, true);
+        if (has_id) init();
+        auto caller = std::async(std::launch::async, call);
+        ASSERT_TRUE(expect(request));
+        fail(Call::kRecvFrom, ECONNRESET);
+        manager_.send_to_all("{}");
+        EXPECT_EQ(std::future_status::ready, caller.wait_for(kSoon));
+        EXPECT_EQ(has_id ? 0 : -3, vexa_svc_deinit(id()));
+        EXPECT_EQ(-1, caller.get());
+        manager_.set_silent(step, false);
+    }
+}
+
+TEST_F(FaultTest, OtherProgramsDoNotInheritTheConnection) {
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(gMgrSocket_fd, F_GETFD));
 }
 
 TEST_F(FaultTest, AQueryThatCannotWaitThrowsAndLeavesNothing) {

@@ -1,6 +1,7 @@
 #include <sys/prctl.h>
 
 #include <atomic>
+#include <iterator>
 
 #include "service_test.h"
 
@@ -55,6 +56,7 @@ TEST_F(ServiceTest, InitReturnsTheManagersRefusal) {
     manager_.set_silent(Step::Init, true);
     for (const Refusal& refusal : refusals) {
         SCOPED_TRACE(refusal.answer);
+        log_.clear();
         auto caller = std::async(std::launch::async, vexa_svc_init);
         ASSERT_TRUE(expect("INIT"));
         manager_.send_to_all(refusal.answer);
@@ -78,11 +80,105 @@ TEST_F(ServiceTest, InitReturnsWhenTheManagerGoesAwayUnanswering) {
     ASSERT_NO_FATAL_FAILURE(offer(kOpcode, "1a"));
 }
 
-TEST_F(ServiceTest, TheLevelDropsLines) {
-    SetProperty("persist.vendor.vexon.clientlib.debug_level", "0");
-    ASSERT_NO_FATAL_FAILURE(init());
-    EXPECT_FALSE(log_.contains("VEXON initialized; svc id 1"));
-    EXPECT_TRUE(log_.contains("client Sending message {\"req_type\":\"INIT\"}"));
+// Parts of the lines that a conversation gives rise to, by the level from which on they are logged.
+const std::vector<const char*> kLinesOfLevels[] = {
+    {"client Sending message {",
+     "Client received!!!",
+     "json is {",
+     "session_id received is 5",
+     "in inform_session_state",
+     "permission: CAMERA",
+     "Entry vexa_permission_query",
+     "permission_query request: {",
+     "waiting for response in vexa_permission_query",
+     "size of permResp array: 1",
+     "i = 0, permRes_meta_data response: 0",
+     "Exit vexa_permission_query",
+     "waiting for response in vexa_info_query",
+     " Already initialized; return",
+     "gService_id is -1, svc_id is ",
+     "client NOT able to send msg",
+     "register API is deprecated",
+     "handle_session_start time taken sessionId 5 ",
+     "handle_session_end time taken sessionId 5 ",
+     "KRV handleExecTask time taken from VEXON mgr",
+     "vexaSendResponse KRV time taken sessionId 5 ",
+     "VEXON_marker : a marker : "},
+    {"Unknown request type 'other'", "Failed to parse VEXON manager request",
+     "Failed to handle message of type 'exec_task' (", "Failed to handle execute task event",
+     "No Session 5 with 0x0000001a::2", "Session 5 with 0x0000001a::1 already in ready state",
+     "Invalid session_id was passed to handle_session_ready 6", "handle session ready event",
+     "Failed to handle session start event", "Failed to handle end start event",
+     "Mismatch opcode in registration 1a", "recv failed, exit thread"},
+    {"Session 5 with 0x0000001a::1 already active", "Session 5 is not active; ignoring"},
+    {"Waiting for recv from server", "State change: state_change", "Req_type: permission_change",
+     "vexa_info_query request: {", "size of result array: 1", "i = 0, info result: ERROR:unknown",
+     "Exit vexa_info_query"},
+    {"Manager connection established", "VEXON service init", "VEXON initialized; svc id ",
+     "VEXON service register and authenticate", "Added service 0x0000001a::1",
+     "Successfully authed and added 0x0000001a::1", "VEXON service authed and registered",
+     "Unsupported API definition", "Trying to create new session 5", "Trying to start session 5",
+     "Session 5 with 0x0000001a::1 success", "Start session 5 with 1 service (0 failed",
+     "Trying to ready session 5", "Trying to end session 5",
+     "Session 5 with 0x0000001a::1 terminate success", "Session 5 completely ended",
+     "Ended session 5 with 1 service (0 failed)"},
+};
+
+int priority_of(const std::string& line) {
+    if (contains(line, " time taken ")) return ANDROID_LOG_DEBUG;
+    return contains(line, "VEXON_marker") ? ANDROID_LOG_INFO : ANDROID_LOG_ERROR;
+}
+
+class LevelTest : public ServiceTest {
+  protected:
+    void converse() {
+        ASSERT_NO_FATAL_FAILURE(init_and_offer());
+        vexa_svc_init();
+        _vexa_svc_register_auth(id(), 27, with_header(definition("1a", "")).data(), "token");
+        _vexa_svc_register_auth(id(), 26, with_header("\x03").data() + 8, "token");
+        _vexa_svc_register(id(), 26, nullptr);
+        ASSERT_NO_FATAL_FAILURE(open_session(5));
+        ASSERT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "f"}), kSoon));
+        manager_.exec_task({5, kOpcode, 2, "f"});
+        vexa_permission_query(5, {"CAMERA"});
+        vexa_info_query(5, {"battery"});
+        vexa_log_marker("a marker");
+        vexa_send_to_manager_raw(nullptr);
+        for (const char* const message :
+             {R"({"req_type":"other"})", "no JSON", R"({"req_type":"exec_task","opcode":{}})",
+              R"({"req_type":"state_change","state":"screen","value":"on"})",
+              R"({"req_type":"permission_change"})",
+              R"({"req_type":"ready_session","session_id":6})"}) {
+            manager_.send_to_all(message);
+        }
+        const std::vector<manager::Target> service = {{kOpcode, {kSubsystem}}};
+        manager_.ready_session(5, service);
+        manager_.start_session(5, service);
+        manager_.end_session(5, service);
+        manager_.end_session(5, service);
+        ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+        ASSERT_EQ(0, vexa_svc_deinit(id()));
+    }
+};
+
+TEST_F(LevelTest, EachDropsTheLinesOfThoseAboveIt) {
+    // Upwards: a conversation begins, and the thread of the one before ends, at the level before.
+    for (std::size_t level = 0; level < std::size(kLinesOfLevels); ++level) {
+        SCOPED_TRACE(level);
+        SetProperty("persist.vendor.vexon.clientlib.debug_level", std::to_string(level));
+        log_.clear();
+        ASSERT_NO_FATAL_FAILURE(converse());
+        EXPECT_TRUE(level == 0 || log_.wait_for("exit thread", kSoon));
+        for (std::size_t from = 0; from < std::size(kLinesOfLevels); ++from) {
+            for (const char* const line : kLinesOfLevels[from]) {
+                EXPECT_EQ(from <= level, log_.contains(line)) << line;
+            }
+        }
+        for (const LogLine& line : log_.lines()) {
+            EXPECT_EQ(priority_of(line.text), line.priority) << line.text;
+            EXPECT_FALSE(line.has_tag) << line.text;
+        }
+    }
 }
 
 struct PathChoice {

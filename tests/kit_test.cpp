@@ -183,18 +183,23 @@ std::string replacements(int count) {
     return count == 0 ? "" : "\xef\xbf\xbd" + replacements(count - 1);
 }
 
+// The first and last characters of each form that UTF-8 has beyond ASCII.
+const std::string kBoundaries =
+    "\xc2\x80\xdf\xbf\xe0\xa0\x80\xe0\xbf\xbf\xe1\x80\x80\xec\xbf\xbf\xed\x80\x80\xed\x9f\xbf"
+    "\xee\x80\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf0\xbf\xbf\xbf\xf1\x80\x80\x80\xf3\xbf\xbf\xbf"
+    "\xf4\x80\x80\x80\xf4\x8f\xbf\xbf";
 const std::string kHarmful("\0\x01\x1f\"\\/\b\t\n\r\x7f end", 15);
 
 TEST(Reply, ValuesAreReadBackAsTheyWereWritten) {
     const std::pair<std::string, Json::Value> values[] = {
         {written(kHarmful), kHarmful},
-        {written(std::string_view("\xc3\xa4\xe2\x82\xac\xed\x9f\xbf\xef\xbf\xbf\xf0\x9f\x98\x80")),
-         "\xc3\xa4\xe2\x82\xac\xed\x9f\xbf\xef\xbf\xbf\xf0\x9f\x98\x80"},
+        {written(kBoundaries), kBoundaries},
         // No UTF-8: wrong bytes, cut off, longer than need be, surrogates and too large.
         {written("a\xff\x80z"), "a" + replacements(2) + "z"},
         {written(std::string_view("\xe2\x82\xac", 2)), replacements(2)},
         {written("\xc3\"\xf0\x9f\x98\n"), replacements(1) + "\"" + replacements(3) + "\n"},
         {written("\xc0\xaf\xe0\x9f\xbf"), replacements(5)},
+        {written("\xc1\xbf\xe0\x80\x80\xf0\x8f\xbf\xbf"), replacements(9)},
         {written("\xed\xa0\x80"), replacements(3)},
         {written("\xf4\x90\x80\x80\xf5\x80\x80\x80"), replacements(8)},
         {written(""), ""},

@@ -3,6 +3,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <tuple>
 
 #include "service_test.h"
 
@@ -29,6 +30,13 @@ std::string many_arrays() {
     return text;
 }
 
+// Returns arrays in one another.
+std::string levels(std::size_t count) {
+    return std::string(count, '[') + std::string(count, ']');
+}
+
+const std::string kBrackets(2000, '[');
+
 const Message kBeforeSessions[] = {
     {"as large as the first buffer", message_of_size(5120), kWhole},
     {"larger than that by one byte", message_of_size(5121), kNotParsed},
@@ -51,6 +59,8 @@ const Message kBeforeSessions[] = {
      "Failed to handle message of type 'AUTH' ("},
     {"opcode beyond 32 bits", R"({"req_type":"REDY","opcode":"4294967322","result":0})",
      "Failed to handle message of type 'REDY' (opcode)"},
+    {"opcode below 32 bits", R"({"req_type":"AUTH","opcode":"-2147483649","result":0})",
+     "Failed to handle message of type 'AUTH' (opcode)"},
     {"opcode beyond 64 bits", R"({"req_type":"REGS","opcode":"99999999999999999999"})",
      "Failed to handle message of type 'REGS' ("},
     {"result beyond 32 bits", R"({"req_type":"AUTH","opcode":"26","result":4294967296})",
@@ -60,13 +70,28 @@ const Message kBeforeSessions[] = {
 const Message kWithSessions[] = {
     {"as large as the second buffer", message_of_size(524288), kWhole},
     {"larger than that by one byte", message_of_size(524289), kNotParsed},
-    {"opening brackets only", std::string(1'000'000, '['), kNotParsed},
     {"many brackets, not nested", R"({"req_type":"flat","a":[)" + many_arrays() + "]}",
      "Unknown request type 'flat'"},
-    {"brackets behind the object", R"({"req_type":"end"} )" + std::string(2000, '['),
+    {"brackets behind the object", R"({"req_type":"end"} )" + kBrackets,
      "Unknown request type 'end'"},
-    {"brackets in text", R"({"req_type":"text","a":"\"\\)" + std::string(2000, '[') + "\"}",
+    {"brackets in text", R"({"req_type":"text","a":"\"\\)" + kBrackets + "\"}",
      "Unknown request type 'text'"},
+    {"as many levels as may be", R"({"req_type":"999","a":)" + levels(998) + "}",
+     "Unknown request type '999'"},
+    {"one level more", R"({"req_type":"1000","a":)" + levels(999) + "}", kNotParsed},
+    // Neither does what is no nesting count as such nor does it hide what is.
+    {"brackets in a comment", "/*/" + kBrackets + R"(**/{"req_type":"c1"})",
+     "Unknown request type 'c1'"},
+    {"brackets in a comment to the end of its line", "//" + kBrackets + "\n{\"req_type\":\"c2\"}",
+     "Unknown request type 'c2'"},
+    {"a quote in a comment", "//\"\r{\"req_type\":\"c3\",\"a\":\"" + kBrackets + "\"}",
+     "Unknown request type 'c3'"},
+    {"comments in text", R"({"req_type":"c4","a":"//","b":"/*","c":")" + kBrackets + "\"}",
+     "Unknown request type 'c4'"},
+    {"nested behind a comment", R"(/*"*/{"a":)" + kBrackets, kNotParsed},
+    {"nested behind a comment in a line", "//\"\n{\"a\":" + kBrackets, kNotParsed},
+    {"nested behind text like comments", R"({"a":"/*","b":"//","c":)" + kBrackets, kNotParsed},
+    {"nested behind backslashes", R"({"a":"\\","b":)" + kBrackets, kNotParsed},
     // The end of a connection cannot be told from it.
     {"nothing", "", "Communication with manager failed (Success)"},
 };
@@ -157,15 +182,33 @@ TEST_F(ServiceTest, AcknowledgementsThatNobodyWaitsForAreIgnored) {
 
 // Acknowledgements read their opcode as decimal text up to the first other character.
 TEST_F(ServiceTest, AnAcknowledgementAnswersTheOpcodeItsTextConvertsTo) {
+    const std::tuple<std::uint32_t, const char*, const char*> opcodes[] = {
+        {1, "1", "1a"},
+        {4294967295U, "ffffffff", "-1"},
+        {2147483648U, "80000000", "-2147483648"},
+        {4294967294U, "fffffffe", "4294967294"},
+    };
     manager_.set_silent(manager::Step::Auth, true);
     ASSERT_NO_FATAL_FAILURE(init());
-    auto registering = std::async(std::launch::async, [this] {
-        const auto blob = with_header(definition("1", ""));
-        return _vexa_svc_register_auth(id(), 1, blob.data(), "token");
-    });
-    ASSERT_TRUE(expect("AUTH"));
-    manager_.send_to_all(R"({"req_type":"AUTH","opcode":"1a","result":0})");
-    EXPECT_EQ(0, registering.get());
+    for (const auto& [opcode, hexadecimal, text] : opcodes) {
+        SCOPED_TRACE(text);
+        auto registering = std::async(std::launch::async, [&, opcode = opcode, hex = hexadecimal] {
+            const auto blob = with_header(definition(hex, ""));
+            return _vexa_svc_register_auth(id(), opcode, blob.data(), "token");
+        });
+        ASSERT_TRUE(expect("AUTH"));
+        manager_.send_to_all(R"({"req_type":"AUTH","opcode":")" + std::string(text) +
+                             R"(","result":0})");
+        EXPECT_EQ(0, registering.get());
+    }
+}
+
+TEST_F(ServiceTest, WhatDoesNotParseCostsHalfASecond) {
+    ASSERT_NO_FATAL_FAILURE(init());
+    const auto start = std::chrono::steady_clock::now();
+    manager_.send_to_all("[1]");
+    ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
 }
 
 TEST_F(ServiceTest, LongMessagesAreSentWholeAndLoggedInPart) {

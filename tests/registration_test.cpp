@@ -23,9 +23,11 @@ TEST_F(ServiceTest, RegistrationChecksTheDefinition) {
         {"whole header", header_and(valid), 26, 0, "VEXON service authed and registered"},
         {"no header", valid, 26, 0, "Duplicate service registration 0x0000001a::1"},
         {"longer than a line", "\x02" + large, 26, 0, "json is " + large.substr(0, 2500)},
-        {"opcode with 0x", "\x02" + definition("0x1A", ""), 26, 0, ""},
-        {"header cut short", "\x01VEX" + valid, 26, 0, ""},
-        {"no opcode is opcode 0", "\x02{\"Vexon\":{}}", 0, 0, ""},
+        {"opcode with 0x", "\x02" + definition("0x1A", ""), 26, 0, "json is {\"Vexon\":"},
+        {"header cut short", "\x01VEX" + valid, 26, 0, "json is {\"Vexon\":"},
+        {"no opcode is opcode 0", "\x02{\"Vexon\":{}}", 0, 0, "json is {\"Vexon\":{}}"},
+        {"a subsystem without id is 0", "\x02" + definition("1a", "{}"), 26, 0,
+         "Successfully authed and added 0x0000001a::0 service mapping"},
         {"no service at all", "\x02{}", 26, -2,
          "Mismatch opcode in registration 0 (0x00000026) vs definition (0x00000000)"},
         {"other opcode", valid, 27, -2,
@@ -50,8 +52,10 @@ TEST_F(ServiceTest, RegistrationChecksTheDefinition) {
         EXPECT_EQ(registration.result,
                   _vexa_svc_register_auth(id(), registration.opcode, blob, "token"));
         EXPECT_TRUE(log_.contains(registration.log_line));
+        EXPECT_EQ(registration.result == 0, log_.contains("VEXON service authed and registered"));
         EXPECT_EQ(sent + (registration.result == 0 ? 1 : 0), manager_.received().size());
     }
+    EXPECT_TRUE(is_service_supported(26, 0));
     EXPECT_TRUE(is_service_supported(26, 1));
     EXPECT_FALSE(is_service_supported(26, 2));
 }

@@ -25,6 +25,10 @@ constexpr auto kNotComing = 300ms;  // after which what has not come is taken as
 constexpr std::uint32_t kOpcode = 0x1a;
 constexpr std::uint32_t kSubsystem = 1;
 
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 // Calls of state callbacks, written down as "status opcode::subsystem session", and for a change
 // with its further fields.
 class StateRecorder {
@@ -145,6 +149,18 @@ class ServiceTest : public ::testing::Test {
     void wait_until_handled() {
         manager_.send_to_all(R"({"req_type":"start_session","session_id":4242,"opcodes":[]})");
         ASSERT_TRUE(expect("\"session_id\":4242"));
+    }
+
+    // Waits in the same way and returns what was logged since the log was cleared, a line each,
+    // without what the library has to say about the wait.
+    std::string logged_until_handled() {
+        wait_until_handled();
+        std::string text;
+        for (const LogLine& line : log_.lines()) {
+            if (line.text == "session_id received is 4242") break;
+            text += line.text + "\n";
+        }
+        return text;
     }
 
     CapturedLog log_;
