@@ -134,11 +134,13 @@ TEST_F(FaultTest, SendsThatFailAreLoggedAndHarmless) {
 
 TEST_F(FaultTest, ReceiveErrorsCostAPauseAndAResetEndsTheThread) {
     for (const int error : {EINTR, ENOMEM}) {
+        const auto start = std::chrono::steady_clock::now();
         fail(Call::kRecvFrom, error);
         manager_.send_to_all("{}");
         EXPECT_TRUE(log_.wait_for(
             "Error receiving msg from manager (" + std::string(std::strerror(error)) + ")", kSoon));
         EXPECT_TRUE(serves());
+        EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
     }
     fail(Call::kRecvFrom, ECONNRESET);
     manager_.send_to_all("{}");
@@ -150,14 +152,6 @@ TEST_F(FaultTest, ReceiveErrorsCostAPauseAndAResetEndsTheThread) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     ASSERT_NO_FATAL_FAILURE(open_session(6));
     EXPECT_TRUE(serves(6));
-}
-
-TEST_F(FaultTest, AReceiveErrorCostsHalfASecond) {
-    const auto start = std::chrono::steady_clock::now();
-    fail(Call::kRecvFrom, EINTR);
-    manager_.send_to_all("{}");
-    ASSERT_NO_FATAL_FAILURE(wait_until_handled());
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
 }
 
 TEST_F(ServiceTest, CallersThatWaitReturnWhenTheConnectionIsReset) {
@@ -176,6 +170,7 @@ TEST_F(ServiceTest, CallersThatWaitReturnWhenTheConnectionIsReset) {
         if (has_id) init();
         auto caller = std::async(std::launch::async, call);
         ASSERT_TRUE(expect(request));
+        std::this_thread::sleep_for(50ms);  // until it waits
         fail(Call::kRecvFrom, ECONNRESET);
         manager_.send_to_all("{}");
         EXPECT_EQ(std::future_status::ready, caller.wait_for(kSoon));

@@ -81,28 +81,16 @@ TEST_F(ServiceTest, InitReturnsWhenTheManagerGoesAwayUnanswering) {
 }
 
 // Parts of the lines that a conversation gives rise to, by the level from which on they are logged.
+// clang-format off
 const std::vector<const char*> kLinesOfLevels[] = {
-    {"client Sending message {",
-     "Client received!!!",
-     "json is {",
-     "session_id received is 5",
-     "in inform_session_state",
-     "permission: CAMERA",
-     "Entry vexa_permission_query",
-     "permission_query request: {",
-     "waiting for response in vexa_permission_query",
-     "size of permResp array: 1",
-     "i = 0, permRes_meta_data response: 0",
-     "Exit vexa_permission_query",
-     "waiting for response in vexa_info_query",
-     " Already initialized; return",
-     "gService_id is -1, svc_id is ",
-     "client NOT able to send msg",
-     "register API is deprecated",
-     "handle_session_start time taken sessionId 5 ",
-     "handle_session_end time taken sessionId 5 ",
-     "KRV handleExecTask time taken from VEXON mgr",
-     "vexaSendResponse KRV time taken sessionId 5 ",
+    {"client Sending message {", "Client received!!!", "json is {", "session_id received is 5",
+     "in inform_session_state", "permission: CAMERA", "Entry vexa_permission_query",
+     "permission_query request: {", "response in vexa_permission_query",
+     "size of permResp array: 1", "permRes_meta_data response: 0", "Exit vexa_permission_query",
+     "response in vexa_info_query", " Already initialized; return",
+     "gService_id is -1, svc_id is ", "client NOT able to send msg", "register API is deprecated",
+     "session_start time taken sessionId 5 ", "session_end time taken sessionId 5 ",
+     "handleExecTask time taken from VEXON", "Response KRV time taken sessionId 5 ",
      "VEXON_marker : a marker : "},
     {"Unknown request type 'other'", "Failed to parse VEXON manager request",
      "Failed to handle message of type 'exec_task' (", "Failed to handle execute task event",
@@ -123,6 +111,7 @@ const std::vector<const char*> kLinesOfLevels[] = {
      "Session 5 with 0x0000001a::1 terminate success", "Session 5 completely ended",
      "Ended session 5 with 1 service (0 failed)"},
 };
+// clang-format on
 
 int priority_of(const std::string& line) {
     if (contains(line, " time taken ")) return ANDROID_LOG_DEBUG;

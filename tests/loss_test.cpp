@@ -67,6 +67,7 @@ TEST_F(LossTest, CallersThatWaitReturnWhenTheManagerGoes) {
         return _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token");
     });
     ASSERT_TRUE(expect("AUTH"));
+    std::this_thread::sleep_for(50ms);  // until it waits
     manager_.close_clients();
     EXPECT_EQ(-1, registering.get());
     EXPECT_TRUE(log_.wait_for("No sessions due to no ready opcodes.", kSoon));
@@ -79,6 +80,7 @@ TEST_F(LossTest, ReadinessThatWaitsReturnsWhenTheManagerGoes) {
         return _vexa_svc_ready(id(), kOpcode, StateRecorder::record, &recorder_, echo_name);
     });
     ASSERT_TRUE(expect("REDY"));
+    std::this_thread::sleep_for(50ms);  // until it waits
     manager_.close_clients();
     EXPECT_EQ(std::future_status::ready, declaring.wait_for(kSoon));
     ASSERT_EQ(0, vexa_svc_deinit(id()));

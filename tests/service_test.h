@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <vexon2_0.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -151,16 +152,20 @@ class ServiceTest : public ::testing::Test {
         ASSERT_TRUE(expect("\"session_id\":4242"));
     }
 
-    // Waits in the same way and returns what was logged since the log was cleared, a line each,
-    // without what the library has to say about the wait.
+    // Waits in the same way and returns what was logged of the messages that were sent since the
+    // log was cleared, a line each.
     std::string logged_until_handled() {
         wait_until_handled();
-        std::string text;
-        for (const LogLine& line : log_.lines()) {
-            if (line.text == "session_id received is 4242") break;
-            text += line.text + "\n";
-        }
-        return text;
+        const std::vector<LogLine> lines = log_.lines();
+        const auto find = [&lines](const std::string& text) {
+            return std::find_if(lines.begin(), lines.end(),
+                                [&](const LogLine& line) { return line.text == text; });
+        };
+        std::string logged;
+        const auto end = find("session_id received is 4242");
+        for (auto line = find("Client received!!!"); line < end; ++line)
+            logged += line->text + "\n";
+        return logged;
     }
 
     CapturedLog log_;

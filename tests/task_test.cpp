@@ -223,19 +223,6 @@ TEST_F(ServiceTest, TasksRunAtTheSameTime) {
     }
 }
 
-TEST_F(ServiceTest, LongTextsOfTheReplyAreSentWholeAndReleased) {
-    ASSERT_NO_FATAL_FAILURE(init_and_offer([](_vexon_call_info_t* call, vexon_func_call_info_t) {
-        call->opcode = std::string(100, 'o');
-        call->name = std::string(100, 'n');
-        call->func = "\"out\":\"" + std::string(100'000, 'x') + "\"";
-        return 0;
-    }));
-    ASSERT_NO_FATAL_FAILURE(open_session(5));
-    const auto reply = manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "long"}), kSoon);
-    ASSERT_TRUE(reply);
-    EXPECT_NE(std::string::npos, reply->packet.text.find(std::string(100'000, 'x') + "\"},"));
-}
-
 TEST_F(ServiceTest, AnExceptionOfATaskIsAnsweredAsAFailure) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer([](_vexon_call_info_t*, vexon_func_call_info_t) -> int {
         throw std::runtime_error("broken service");
