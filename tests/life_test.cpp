@@ -282,8 +282,10 @@ TEST_F(LifeTest, SessionsAreClearedByTheServiceAfterAReset) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     ASSERT_NO_FATAL_FAILURE(open_session(5));
     ASSERT_TRUE(recorder_.wait_for({"2 26::1 5", "6 26::1 5"}));
-    fail(Call::kRecvFrom, ECONNRESET);
-    manager_.send_to_all("{}");
+    manager_.set_reading(false);
+    ASSERT_EQ(0, vexa_send_to_manager_raw("unread"));
+    manager_.close_clients(manager::Ending::Abrupt);
+    manager_.set_reading(true);
     ASSERT_TRUE(ends.become({VEXA_RECEIVE_END_RESET}));
     EXPECT_FALSE(log_.contains("Communication with manager failed"));
 
@@ -507,6 +509,52 @@ TEST_F(LifeTest, ASendThatASignalInterruptsIsRepeated) {
     EXPECT_FALSE(log_.contains("client NOT able to send msg"));
     fail(Call::kSendTo, EINTR, 2);
     EXPECT_EQ(0, vexa_svc_deinit(id()));
+    EXPECT_TRUE(expect("DINT"));
+    EXPECT_TRUE(expect_exactly("EXIT"));
+}
+
+TEST_F(LifeTest, AManagerThatDoesNotReadHoldsUpNobodyWhoLeaves) {
+    const std::function<int()> leaves[] = {
+        [this] { return vexa_svc_deinit(id()); },
+        disconnect_from_manager,
+    };
+    const std::string text(20'000, 'x');
+    for (const auto& leave : leaves) {
+        ASSERT_NO_FATAL_FAILURE(init_and_offer());
+        ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+        manager_.set_reading(false);
+        std::vector<std::future<void>> senders;
+        for (int i = 0; i < 3; ++i) {
+            senders.push_back(std::async(std::launch::async, [&text] {
+                while (vexa_send_to_manager_raw(text.c_str()) == 0) continue;
+            }));
+        }
+        EXPECT_EQ(std::future_status::timeout, senders.front().wait_for(kNotComing));
+        // The receive thread comes to wait in its response, with the sessions locked.
+        manager_.send_to_all(R"({"req_type":"start_session","session_id":6,"opcodes":[]})");
+        ASSERT_TRUE(log_.wait_for("session_id received is 6", kSoon));
+
+        log_.clear();
+        auto left = std::async(std::launch::async, leave);
+        ASSERT_EQ(std::future_status::ready, left.wait_for(kSoon));
+        EXPECT_EQ(0, left.get());
+        EXPECT_TRUE(log_.contains("Failed to disconnect to manager - proceeding anyways"));
+        for (auto& sender : senders) {
+            EXPECT_EQ(std::future_status::ready, sender.wait_for(kSoon));
+        }
+        manager_.set_reading(true);
+        vexa_svc_deinit(id());
+    }
+}
+
+// A leave must not cut off what others are sending while the Manager reads, if slowly.
+TEST_F(LifeTest, ALeaveComesAfterWhatOthersHaveSent) {
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    manager_.set_reading(false);
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(0, vexa_send_to_manager_raw("before"));
+    ASSERT_EQ(0, vexa_svc_deinit(id()));
+    manager_.set_reading(true);
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(expect("before"));
     EXPECT_TRUE(expect("DINT"));
     EXPECT_TRUE(expect_exactly("EXIT"));
 }
