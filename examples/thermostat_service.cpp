@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <initializer_list>
 #include <mutex>
 #include <numeric>
 #include <stdexcept>
@@ -224,59 +225,82 @@ std::string describe(const vexa_req_t& request) {
     }
 }
 
-constexpr int kStartOver = SIGUSR1;
-
 int on_state(int, vexa_req_t* request, void*) {
     say(describe(*request));
-    // To be served again takes calls that wait for the Manager, which cannot be made here.
-    if (request->status == VEXA_STATUS_RECONNECTED) kill(getpid(), kStartOver);
     return 0;
 }
 
 // ---------------------------------------------------------------------------------------------
+// Staying in service
 
-// Threads inherit what is blocked, so this comes before any thread is started.
-sigset_t block_signals() {
+constexpr int kStartOver = SIGUSR1;
+constexpr std::chrono::milliseconds kFirstPause(100);
+constexpr std::chrono::milliseconds kLongestPause(5000);
+
+// Whatever the cause: what it takes to be served again waits for the Manager, which cannot be done
+// here.
+void on_receive_end(vexa_receive_end_t reason, void*) {
+    if (reason != VEXA_RECEIVE_END_DISCONNECTED) kill(getpid(), kStartOver);
+}
+
+sigset_t set_of(std::initializer_list<int> numbers) {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGINT, SIGTERM, kStartOver}) sigaddset(&signals, signal);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    for (const int signal : numbers) sigaddset(&signals, signal);
     return signals;
 }
 
-void check(int result, const std::string& failure) {
-    if (result < 0) throw std::runtime_error(failure + " (" + std::to_string(result) + ")");
+const sigset_t kEnding = set_of({SIGINT, SIGTERM});
+const sigset_t kAll = set_of({SIGINT, SIGTERM, kStartOver});
+
+// Returns the first of the signals that comes within the time, 0 if none does.
+int wait_for(const sigset_t& signals, std::chrono::milliseconds time) {
+    const timespec limit{time.count() / 1000, time.count() % 1000 * 1'000'000};
+    return std::max(sigtimedwait(&signals, nullptr, &limit), 0);
 }
 
-// Serves until one of the signals comes, and returns it.
-int serve(const sigset_t& signals) {
+// Returns the id under which the service may be called from now on, or -1.
+int offer() {
     const int id = vexa_svc_init();
-    check(id, "cannot reach the Manager, or it refused");
     const auto service_id = static_cast<std::uint32_t>(id);
     const auto* definition = reinterpret_cast<const std::uint8_t*>(kApiDefinition);
-    check(_vexa_svc_register_auth(service_id, kOpcode, definition, kToken), "cannot register");
-    check(_vexa_svc_ready(service_id, kOpcode, on_state, nullptr, on_task), "cannot become ready");
-    say("ready as service " + std::to_string(id));
-
-    int signal = 0;
-    sigwait(&signals, &signal);
-    say(signal == kStartOver ? "starting over" : "ending");
-    check(vexa_svc_deinit(service_id), "cannot take leave of the Manager");
-    return signal;
+    const bool ready = id >= 0 &&
+                       _vexa_svc_register_auth(service_id, kOpcode, definition, kToken) == 0 &&
+                       _vexa_svc_ready(service_id, kOpcode, on_state, nullptr, on_task) == 0;
+    if (ready) return id;
+    vexa_svc_deinit(service_id);
+    return -1;
 }
 
-void run_service() {
-    const sigset_t signals = block_signals();
-    while (serve(signals) == kStartOver) {
+// Tries until the Manager takes the service. Returns the id, or -1 when a signal ends the service.
+int offer_until_taken() {
+    for (auto pause = kFirstPause; true; pause = std::min(2 * pause, kLongestPause)) {
+        const int id = offer();
+        if (id >= 0) return id;
+        say("cannot serve yet");
+        if (wait_for(kEnding, pause) != 0) return -1;
+        wait_for(set_of({kStartOver}), std::chrono::milliseconds(0));  // of an attempt that failed
     }
+}
+
+// Serves until the connection is lost or a signal ends the service. Returns whether to go on.
+bool serve() {
+    const int id = offer_until_taken();
+    if (id < 0) return false;
+    say("ready as service " + std::to_string(id));
+    int signal = 0;
+    sigwait(&kAll, &signal);
+    say(signal == kStartOver ? "starting over" : "ending");
+    terminate_sessions();  // the next Manager knows nothing of them
+    vexa_svc_deinit(static_cast<std::uint32_t>(id));
+    return signal == kStartOver;
 }
 
 }  // namespace
 
-int main() try {
-    run_service();
-    return 0;
-} catch (const std::exception& error) {
-    std::fprintf(stderr, "thermostat: %s\n", error.what());
-    return 1;
+int main() {
+    pthread_sigmask(SIG_BLOCK, &kAll, nullptr);  // threads inherit what is blocked
+    vexa_svc_on_receive_end(on_receive_end, nullptr);
+    while (serve()) {
+    }
 }
