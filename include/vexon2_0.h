@@ -34,8 +34,9 @@
 /// What a state callback is told about.
 enum vexa_status_t : std::int32_t {
     VEXA_STATUS_TERMINATED = 0,  ///< Manager lost, all sessions ended (lowest opcode only)
-    /// Manager reachable again, but nothing is received any more: de-initialise and start over, on
-    /// another thread (lowest opcode only).
+    /// Manager reachable again within 20 s, but nothing is received any more: de-initialise and
+    /// start over, on another thread (lowest opcode only). Not every loss is told in this way: see
+    /// vexa_svc_on_receive_end().
     VEXA_STATUS_RECONNECTED = 1,
     VEXA_STATUS_SESSION_START = 2,          ///< may the session start? 0 accepts, all else refuses
     VEXA_STATUS_SESSION_END = 3,            ///< the session ends; not 0 refuses if named by opcode
@@ -62,10 +63,11 @@ struct vexa_req_t {
 /// the service gave to _vexa_svc_ready(). The result matters for SESSION_START and SESSION_END
 /// only.
 ///
-/// Runs on the receive thread with a lock of the library held. From inside it do not call
-/// _vexa_svc_register_auth() or _vexa_svc_ready() (they wait for an answer that this very thread
-/// would have to receive; they log a line and return -1), nor, in the three changes,
-/// vexa_svc_deinit() (logs a line and returns -1).
+/// Runs on the receive thread, or on that which calls terminate_sessions(), with a lock of the
+/// library held. From inside it do not call vexa_svc_init(), _vexa_svc_register_auth() or
+/// _vexa_svc_ready() (they wait for an answer that this very thread would have to receive; they log
+/// a line and return -1), nor, in the three changes, vexa_svc_deinit() (logs a line and returns
+/// -1). Queries are sent but not waited for.
 typedef int (*vexa_state_callback_t)(int service_id, vexa_req_t* request, void* user_data);
 
 /// Why nobody receives what the Manager sends. In each case vexa_svc_deinit() and vexa_svc_init()
@@ -193,11 +195,18 @@ extern "C" {
 /// Connects to the Manager, starts the receive thread and asks for a service id.
 ///
 /// Returns the service id (not negative), at once and without asking again when the process has one
-/// already. Returns -1 when the Manager cannot be reached, the request cannot be sent or the
+/// already, even if nobody receives any more; after a vexa_svc_deinit() of another thread, which it
+/// waits for. Returns -1 when the Manager cannot be reached, the request cannot be sent or the
 /// Manager goes away before it has answered, and in a state callback; the Manager's negative answer
-/// when it refuses. Blocks without time limit while a connected Manager does not answer. Throws
-/// std::system_error
-/// ("thread constructor failed") when no thread can be started; the call may then be repeated.
+/// when it refuses. Blocks for 20 s at most while the Manager's queue of connections is full, and
+/// without time limit while a connected Manager does not answer: then disconnect_from_manager(),
+/// called on another thread, has it return -1 (vexa_svc_deinit() needs an id, which there is not
+/// yet). Throws std::system_error ("thread constructor failed") when no thread can be started; the
+/// call may then be repeated.
+///
+/// The receive thread inherits the signals that the calling thread blocks. A signal whose handler
+/// it runs costs 500 ms, in which nothing is received, unless the handler was installed with
+/// SA_RESTART: install handlers so, or block signals while calling this.
 VEXON_API int vexa_svc_init();
 
 /// Registers the service `opcode` of this process and waits for the Manager's verdict.
@@ -208,10 +217,11 @@ VEXON_API int vexa_svc_init();
 ///
 /// Returns 0 when the service is registered; -1 when the definition is of another version or does
 /// not parse, the request cannot be sent, the Manager refuses or the connection ends before it has
-/// answered; -2 when `api_def` or `token` is null, `service_id` is not the one of this process or
-/// the definition is for another opcode; -3 before vexa_svc_init(). Blocks without time limit while
-/// the Manager does not answer. A second registration of an opcode while the first waits, or after
-/// a request that could not be sent, is never answered: de-initialise first.
+/// answered (by vexa_svc_deinit() of another thread, too; nothing is registered then); -2 when
+/// `api_def` or `token` is null, `service_id` is not the one of this process or the definition is
+/// for another opcode; -3 before vexa_svc_init(). Blocks without time limit while the Manager does
+/// not answer. A second registration of an opcode while the first waits, or after a request that
+/// could not be sent, is not answered before the connection ends: de-initialise first.
 VEXON_API int _vexa_svc_register_auth(std::uint32_t service_id, std::uint32_t opcode,
                                       const std::uint8_t* api_def, const char* token);
 
@@ -226,23 +236,25 @@ VEXON_API int _vexa_svc_register(std::uint32_t service_id, std::uint32_t opcode,
 /// has returned. `exec_callback` runs the tasks; those that run then go on.
 ///
 /// Returns 0 when the service is ready; -1 when the request cannot be sent, the Manager refuses or
-/// the connection ends before it has answered; -2 when `service_id` is not the one of this process;
+/// the connection ends before it has answered (by vexa_svc_deinit() of another thread, too; the
+/// callbacks are forgotten then); -2 when `service_id` is not the one of this process;
 /// -3 before vexa_svc_init(). Blocks without time limit while the Manager does not answer.
-/// Declaring an opcode again that is ready, or whose request could not be sent, is never answered:
-/// de-initialise first.
+/// Declaring an opcode again that is ready, or whose request could not be sent, is not answered
+/// before the connection ends: de-initialise first.
 VEXON_API int _vexa_svc_ready(std::uint32_t service_id, std::uint32_t opcode,
                               vexa_state_callback_t state_callback, void* user_data,
                               vexon_exec_callback_t exec_callback);
 
-/// Takes leave of the Manager, closes the connection and forgets all services and callbacks.
-/// vexa_svc_init() may follow.
+/// Takes leave of the Manager, closes the connection, whatever state it is in, and forgets all
+/// services and callbacks. vexa_svc_init() may follow. Sessions stay, and meet the next Manager:
+/// see terminate_sessions().
 ///
 /// Returns 0 when done; -1 from inside a notice of a change (see vexa_state_callback_t); -2 when
-/// `service_id` is not the one of this process; -3 before vexa_svc_init(). Waits for a state
-/// callback that runs on the receive thread, unless called in it, and as any send while the Manager
-/// does not read. Registrations and declarations that wait in another thread return -1 (but a
-/// second one of the same opcode never returns). Tasks that run are not waited for: their replies
-/// are lost, with a log line, or go out on the next connection if there is one by then.
+/// `service_id` is not the one of this process; -3 before vexa_svc_init() or when another thread is
+/// doing the same, after that has finished. Waits for a state callback that runs, unless called in
+/// it, and a fifth of a second at most for a Manager that does not read: sends that wait for it
+/// fail then. Registrations and declarations that wait in another thread return -1. Tasks that run
+/// are not waited for: their replies are lost, with a log line.
 VEXON_API int vexa_svc_deinit(std::uint32_t service_id);
 
 /// Has `callback` told, with `user_data`, when nobody receives any more; a null one is nobody. This
@@ -295,21 +307,25 @@ VEXON_API int terminate_sessions();
 
 /// Sends the reply that `info` describes. The library does so itself after each exec callback.
 /// `info` is only read. `req_type` is used for a transaction id of -1 alone, where the message is
-/// {"req_type":"<req_type>", "Result":"<func>"}. A failure to send is logged. May block while the
-/// Manager does not read.
+/// {"req_type":"<req_type>", "Result":"<func>"}. A failure to send is logged. Blocks while the
+/// Manager does not read, without time limit.
 VEXON_API void vexa_send_response(_vexon_call_info_t* info, std::string req_type);
 
 /// Sends `msg`, a NUL-terminated text, as one packet. Returns 0, or -1 with a log line when it
-/// cannot be sent (not connected, or larger than a packet can be). May block while the Manager does
-/// not read.
+/// cannot be sent (not connected, or larger than a packet can be). Blocks while the Manager does
+/// not read, without time limit, but not beyond the end of the connection. A signal does not
+/// interrupt it.
 VEXON_API int vexa_send_to_manager_raw(const char* msg);
 
-/// Opens the connection. Returns 0, or -1 with a log line. To be called only while there is none;
-/// vexa_svc_init() does so itself.
+/// Opens the connection. Returns 0, or -1 with a log line; waits 20 s at most while the Manager's
+/// queue of connections is full. To be called only while there is none; vexa_svc_init() does so
+/// itself.
 VEXON_API int connect_to_manager();
 
-/// Says "EXIT" to the Manager and closes the connection, which ends the receive thread. Returns 0,
-/// or -1 if there was none. Does not forget the service id: that is vexa_svc_deinit()'s.
+/// Says "EXIT" to the Manager and closes the connection, which ends the receive thread; whoever
+/// waits for an answer or in a send returns. Waits a tenth of a second at most for a Manager that
+/// does not read. Returns 0, or -1 if there was none. Does not forget the service id: that is
+/// vexa_svc_deinit()'s.
 VEXON_API int disconnect_from_manager();
 
 /// Opens the connection again, trying every 50 ms for 20 s. Returns 0, or -1 after that time. To be
@@ -318,7 +334,7 @@ VEXON_API int reconnect_to_manager();
 
 // ---------------------------------------------------------------------------------------------
 // Questions to the Manager. Each blocks until the answer has come, for 3 seconds at most after the
-// request was sent. From a state callback they log a line and return at once what they return
+// request was sent. From a state callback they send the request and return at once what they return
 // without an answer. They throw std::system_error ("condition_variable timed_wait failed") if the
 // system cannot wait.
 
