@@ -38,7 +38,7 @@ Function* symbol(void* library, const char* name) {
 int (*gLogMarker)(const char*) = nullptr;
 std::atomic<int> gLines{0};
 std::atomic<bool> gLineInWork{false};
-long gSleepsBefore = 0;
+bool gInChild = false;
 
 // A log that takes its time for every line but the first.
 void write_slowly(const __android_logger_data*, const char*) {
@@ -48,42 +48,29 @@ void write_slowly(const __android_logger_data*, const char*) {
     gLineInWork = false;
 }
 
-// Returns how often this thread has gone to sleep.
-long sleeps() {
+// Runs when the library's statics have died: no line may be in work then, nor begin. In the child
+// process none is, so that there was nothing to sleep for.
+void check_the_log() {
     rusage usage{};
     ::getrusage(RUSAGE_THREAD, &usage);
-    return usage.ru_nvcsw;
-}
-
-// Runs when the library's statics have died.
-void check_that_the_log_is_closed() {
-    if (gLineInWork) std::_Exit(7);
+    if (gInChild) std::_Exit(usage.ru_nvcsw > 100 ? 7 : 0);
+    if (gLineInWork) std::_Exit(8);
     const int lines = gLines;
     gLogMarker("late");
-    if (gLines != lines) std::_Exit(8);
+    if (gLines != lines) std::_Exit(9);
 }
 
-// Runs then in a child process in which no line is being written: there is nothing to wait for.
-void check_that_there_was_no_wait() {
-    if (sleeps() - gSleepsBefore > 100) std::_Exit(9);
-}
-
-// Exits while another thread writes a line, or has a child process do that.
-int exit_while_logging(bool in_child) {
-    std::atexit(in_child ? check_that_there_was_no_wait : check_that_the_log_is_closed);
+// Exits while another thread writes a line; before, a child process does so if `way` is "fork".
+int exit_while_logging(const std::string& way) {
+    std::atexit(check_the_log);
     __android_log_set_logger(write_slowly);
     gLogMarker("first");
     std::thread([] { gLogMarker("slow"); }).detach();
     while (!gLineInWork) ::usleep(100);
-    if (!in_child) return EXIT_SUCCESS;
-
-    const pid_t child = ::fork();
-    if (child == 0) {
-        std::atexit([] { gSleepsBefore = sleeps(); });
-        return EXIT_SUCCESS;
-    }
+    gInChild = way == "fork" && ::fork() == 0;
+    if (way == "log" || gInChild) return EXIT_SUCCESS;
     int status = 0;
-    ::waitpid(child, &status, 0);
+    ::wait(&status);
     std::_Exit(WIFEXITED(status) ? WEXITSTATUS(status) : 10);
 }
 
@@ -95,7 +82,7 @@ int main(int, char** argv) {
     void* const library = ::dlopen(argv[1], RTLD_NOW);
     if (library == nullptr) return 2;
     gLogMarker = symbol<decltype(vexa_log_marker)>(library, "vexa_log_marker");
-    if (way == "log" || way == "fork") return exit_while_logging(way == "fork");
+    if (way == "log" || way == "fork") return exit_while_logging(way);
 
     const auto id =
         static_cast<std::uint32_t>(symbol<decltype(vexa_svc_init)>(library, "vexa_svc_init")());

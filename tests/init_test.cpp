@@ -68,18 +68,6 @@ TEST_F(ServiceTest, InitReturnsTheManagersRefusal) {
     EXPECT_EQ(received, manager_.received().size());
 }
 
-TEST_F(ServiceTest, InitReturnsWhenTheManagerGoesAwayUnanswering) {
-    manager_.set_silent(Step::Init, true);
-    auto caller = std::async(std::launch::async, vexa_svc_init);
-    ASSERT_TRUE(expect("INIT"));
-    manager_.close_clients();
-    EXPECT_EQ(-1, caller.get());
-
-    manager_.set_silent(Step::Init, false);
-    ASSERT_NO_FATAL_FAILURE(init());
-    ASSERT_NO_FATAL_FAILURE(offer(kOpcode, "1a"));
-}
-
 // Parts of the lines that a conversation gives rise to, by the level from which on they are logged.
 // clang-format off
 const std::vector<const char*> kLinesOfLevels[] = {

@@ -73,20 +73,6 @@ TEST_F(LossTest, CallersThatWaitReturnWhenTheManagerGoes) {
     EXPECT_TRUE(log_.wait_for("No sessions due to no ready opcodes.", kSoon));
 }
 
-TEST_F(LossTest, ReadinessThatWaitsReturnsWhenTheManagerGoes) {
-    ASSERT_NO_FATAL_FAILURE(init());
-    manager_.set_silent(manager::Step::Ready, true);
-    auto declaring = std::async(std::launch::async, [this] {
-        return _vexa_svc_ready(id(), kOpcode, StateRecorder::record, &recorder_, echo_name);
-    });
-    ASSERT_TRUE(expect("REDY"));
-    std::this_thread::sleep_for(50ms);  // until it waits
-    manager_.close_clients();
-    EXPECT_EQ(std::future_status::ready, declaring.wait_for(kSoon));
-    ASSERT_EQ(0, vexa_svc_deinit(id()));
-    EXPECT_EQ(-1, declaring.get());
-}
-
 TEST_F(LossTest, WithoutAReadyServiceNobodyIsToldAndDeinitSendsNothing) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     ASSERT_EQ(0, vexa_svc_deinit(id()));  // what was ready once does not count

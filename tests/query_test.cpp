@@ -132,8 +132,9 @@ TEST_F(ServiceTest, QueriesThatCannotBeSentReturnAtOnce) {
 }
 
 // The answer would have to come to the very thread that asks.
-TEST_F(ServiceTest, QueriesOfAStateCallbackAreSentAndNotWaitedFor) {
+TEST_F(ServiceTest, AStateCallbackAsksWithoutWaitingAndCannotRegister) {
     using Results = std::tuple<Flags, Texts, Texts>;
+    const auto blob = with_header(definition("1b", ""));
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     for (const char* const message :
          {R"({"req_type":"start_session","session_id":5,"opcodes":[)"
@@ -144,6 +145,8 @@ TEST_F(ServiceTest, QueriesOfAStateCallbackAreSentAndNotWaitedFor) {
             const auto start = std::chrono::steady_clock::now();
             results.set_value({vexa_permission_query(5, {"x"}), vexa_info_query(5, {"x"}),
                                vexa_info_monitor(5, {"x"})});
+            EXPECT_EQ(-1, _vexa_svc_register_auth(id(), 27, blob.data(), "token"));
+            EXPECT_EQ(-1, _vexa_svc_ready(id(), 27, StateRecorder::record, nullptr, echo_name));
             EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << "a time-out takes 3 s";
             return 0;
         });
@@ -155,8 +158,11 @@ TEST_F(ServiceTest, QueriesOfAStateCallbackAreSentAndNotWaitedFor) {
         EXPECT_TRUE(expect("INFO_MNTR"));
         EXPECT_TRUE(log_.contains("waiting for response in vexa_info_monitor"));
         EXPECT_TRUE(log_.contains("Exit vexa_permission_query"));
-        EXPECT_FALSE(log_.contains("Failed to run"));
         ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+        EXPECT_TRUE(log_.contains("Failed to run _vexa_svc_register_auth: it cannot wait"));
+        EXPECT_TRUE(log_.contains("Failed to run _vexa_svc_ready: it cannot wait"));
+        EXPECT_EQ(2U, log_.count("Failed to run"));
+        EXPECT_FALSE(manager_.expect("Opcode", 0ms));
         EXPECT_EQ(3U, log_.count("client Sending message {\"req_type\":\"PERMISSION") +
                           log_.count("client Sending message {\"req_type\":\"INFO_"));
     }

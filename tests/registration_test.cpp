@@ -151,17 +151,4 @@ TEST_F(ServiceTest, NoAcknowledgementIsSleptThrough) {
     EXPECT_EQ(801U, manager_.received().size());
 }
 
-TEST_F(ServiceTest, ReadinessCannotBeDeclaredFromAStateCallback) {
-    ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    std::promise<int> result;
-    recorder_.answer_with([&](const vexa_req_t&) {
-        result.set_value(_vexa_svc_ready(id(), 27, StateRecorder::record, &recorder_, echo_name));
-        return 0;
-    });
-    manager_.start_session(5, {{kOpcode, {1}}});
-    EXPECT_EQ(-1, result.get_future().get());
-    EXPECT_TRUE(log_.contains(
-        "Failed to run _vexa_svc_ready: it cannot wait for the Manager in a state callback"));
-}
-
 }  // namespace

@@ -146,6 +146,14 @@ class ServiceTest : public ::testing::Test {
         return expect([&](const manager::Packet& packet) { return packet.text == text; });
     }
 
+    // Returns the calls of state callbacks but for the first `count`.
+    std::string calls_since(std::size_t count) const {
+        const std::vector<std::string> calls = recorder_.calls();
+        std::string text;
+        for (; count < calls.size(); ++count) text += (text.empty() ? "" : ", ") + calls[count];
+        return text;
+    }
+
     // Sends a message whose reply tells that all before it have been handled.
     void wait_until_handled() {
         manager_.send_to_all(R"({"req_type":"start_session","session_id":4242,"opcodes":[]})");
