@@ -1,11 +1,12 @@
-// What the Manager's side and the service process agree upon beforehand: the services, and the
-// contents of questions, answers and notices. All of it follows from a number, so that either side
-// can tell a wrong content by itself. Constants and pure functions only: for any thread.
+// What the Manager's side and the service process agree upon: the services, the contents of
+// questions and notices, which follow from a number, and the memory that both have.
 
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -17,21 +18,19 @@ struct Service {
 };
 
 constexpr std::array<Service, 3> kServices{{{0x1a, 2}, {0x2b, 1}, {0x1c4, 3}}};
+constexpr unsigned kQuestioners = 8;
 
 constexpr std::uint64_t hash_of(std::string_view text) {
     std::uint64_t hash = 14695981039346656037U;
-    for (const char c : text) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
-    }
+    for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
     return hash;
 }
 
-inline std::uint64_t hash_of(std::uint64_t number) {
-    return hash_of("number " + std::to_string(number));
+// Returns the number that follows `key` in `text`, 0 if it is not there.
+inline std::uint64_t number_after(const std::string& text, std::string_view key) {
+    const std::size_t at = text.find(key);
+    return at == std::string::npos ? 0 : std::strtoull(&text[at] + key.size(), nullptr, 10);
 }
-
-// ---------------------------------------------------------------------------------------------
-// Sessions
 
 // The service refuses to start these.
 constexpr bool is_refused_session(std::uint64_t session) {
@@ -43,31 +42,20 @@ constexpr bool is_refused_session(std::uint64_t session) {
 constexpr std::uint32_t kEndedProbeSubsystem = 98;
 constexpr std::string_view kEndedProbe = "::98";
 
-// ---------------------------------------------------------------------------------------------
-// Tasks
-
 // A function of this name followed by a number takes that many milliseconds.
 constexpr std::string_view kNap = "nap_";
+constexpr std::string_view kMarkerPrefix = "soak marker ";
+constexpr std::string_view kNoticePrefix = "soak.notice.";
 
-// ---------------------------------------------------------------------------------------------
-// Questions, by the number of a name
-
+// Permissions and information by number, under the same names. Each fifth is not known.
 constexpr std::uint64_t kNames = 128;
 
-inline std::string permission_name(std::uint64_t number) {
-    return "SOAK_PERMISSION_" + std::to_string(number);
+inline std::string name_of(std::uint64_t number) {
+    return "soak.name." + std::to_string(number);
 }
 
 inline bool is_granted(std::uint64_t number) {
-    return hash_of(number) % 2 == 0;
-}
-
-inline std::string info_name(std::uint64_t number) {
-    return "soak.info." + std::to_string(number);
-}
-
-inline bool is_known(std::uint64_t number) {
-    return number % 5 != 0;
+    return hash_of(name_of(number)) % 2 == 0;
 }
 
 inline std::string info_value(std::uint64_t number) {
@@ -75,36 +63,58 @@ inline std::string info_value(std::uint64_t number) {
 }
 
 inline std::string info_text(std::uint64_t number) {
-    return (is_known(number) ? "SUCCESS:" : "ERROR:") + info_value(number);
+    return (number % 5 == 0 ? "ERROR:" : "SUCCESS:") + info_value(number);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Notices, by their number
-
-enum class NoticeKind { kPermission, kState, kSetting };
-
 struct Notice {
-    NoticeKind kind;
+    std::uint64_t kind;  // 0: of a permission, 1: of a state, 2: of a setting
     std::string name;
-    std::string value;  // of a permission: unused
-    bool granted;       // of a permission
+    std::string value;
+    bool granted;
     std::uint32_t session;
     std::string package;
 };
 
-constexpr std::string_view kNoticePrefix = "soak.notice.";
-
 inline Notice notice_of(std::uint64_t number) {
-    const std::uint64_t hash = hash_of(number);
-    return {
-        static_cast<NoticeKind>(number % 3), std::string(kNoticePrefix) + std::to_string(number),
-        "value " + std::to_string(hash),     hash % 2 == 0,
-        static_cast<std::uint32_t>(hash),    "package." + std::to_string(hash % 1000)};
+    const std::string name = std::string(kNoticePrefix) + std::to_string(number);
+    const std::uint64_t hash = hash_of(name);
+    const std::string digits = std::to_string(hash);
+    return {number % 3,
+            name,
+            "value " + digits,
+            hash % 2 == 0,
+            static_cast<std::uint32_t>(hash),
+            "package." + digits};
 }
 
-// ---------------------------------------------------------------------------------------------
-// Markers
+// A counter for each of the latest things of a kind, by its number.
+using Counter = std::atomic<std::uint32_t>;
+template <std::size_t size>
+struct Latest {
+    std::array<Counter, size> counters;
+    Counter& operator[](std::uint64_t number) { return counters[number % size]; }
+};
 
-constexpr std::string_view kMarkerPrefix = "soak marker ";
+// Memory of both processes, zero at first; descriptor 3 of the service. The service counts what it
+// is told of and does, the Manager's side judges that.
+struct Shared {
+    std::atomic<char> order;  // see service.cpp; 0 when it has been carried out
+    Counter ready;            // times that all services were ready
+    Counter disturbances;     // odd from before a stop until the service is ready again
+    Latest<1 << 16> ran;      // tasks by transaction: runs
+    Latest<1 << 16> lost;     // replies that could not be sent
+    Latest<1 << 12> notices;  // by number: in 4 bits for each service, how often it was told
+    Latest<1 << 12> starts;   // sessions by number: services that were told so
+    Latest<1 << 12> readies;
+    Latest<1 << 12> ends;
+    Counter wrong_sessions;  // told in another order, or in the table after the end
+    Counter wrong_notices;   // not those of their number
+    Counter wrong_queries;   // with the answer to another, or none without a stop
+    Counter queries, answered_queries;
+    std::array<Counter, kQuestioners> markers;  // that questioners have sent
+    Counter losses, returns;                    // of the Manager, that the service was told of
+    std::array<Counter, 7> receive_ends;        // by reason
+    Counter calls, lives;                       // in rounds of chance
+};
 
 }  // namespace soak

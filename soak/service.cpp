@@ -1,121 +1,77 @@
 // The service process of the soak test. It knows the library by its public header only.
 //
-// Standard input: a letter per order, 'd' and 'p' to take leave of the Manager and start over on
-// the dedicated and on the plain socket, 't' to give back the memory that is not in use; the end of
-// the input ends the process. Standard output: records. Standard error: what should not be.
+// Orders are letters: 'd' and 'p' to take leave of the Manager and start over on the dedicated and
+// on the plain socket, 't' to give back the memory that is not in use, 'f' to finish. Standard
+// error gets what should not be. With a seed as argument the process takes chances instead.
+
+#include "service.h"
 
 #include <android-base/properties.h>
 #include <android/log.h>
 #include <malloc.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
-#include <unistd.h>
-#include <vexon2_0.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
+#include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <deque>
 #include <filesystem>
-#include <mutex>
-#include <string>
-#include <string_view>
+#include <random>
 #include <thread>
+#include <vector>
 
-#include "contract.h"
-#include "questions.h"
-#include "rendering.h"
-#include "reporting.h"
+#include "fuzz/argument_reader.h"
 
 namespace soak {
+
+Shared& gShared = *static_cast<Shared*>(
+    ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, 3, 0));
+
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kQuestioners = 8;
-constexpr auto kRetryPause = 20ms;
-constexpr auto kThreadsLimit = 10s;
+constexpr unsigned kAskedInVain = 16;    // one of so many questions while there is no Manager
+constexpr unsigned kMarkerInterval = 8;  // questions of a thread
 
-enum class Order { kStartOverDedicated, kStartOverPlain, kTrim, kReconnected, kFinish };
-
-// Orders that wait to be carried out by the main thread.
-class Orders {
-  public:
-    void add(Order order) {
-        const std::lock_guard lock(mutex_);
-        orders_.push_back(order);
-        added_.notify_one();
-    }
-
-    Order take() {
-        std::unique_lock lock(mutex_);
-        added_.wait(lock, [this] { return !orders_.empty(); });
-        const Order order = orders_.front();
-        orders_.pop_front();
-        return order;
-    }
-
-    // A connection that was given up in the meantime needs no care any more.
-    void forget_reconnections() {
-        const std::lock_guard lock(mutex_);
-        orders_.erase(std::remove(orders_.begin(), orders_.end(), Order::kReconnected),
-                      orders_.end());
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable added_;
-    std::deque<Order> orders_;
-};
-
-// Never destroyed: threads of the library may still run when main() returns.
-Orders& gOrders = *new Orders;
-std::atomic<bool>& gConnected = *new std::atomic<bool>(false);
+std::atomic<bool> gConnected{false};
+std::atomic<bool> gLost{false};
+std::atomic<bool> gStopping{false};
 
 // The transaction of the task that this thread runs.
-thread_local std::uint32_t tTransaction = 0;
-
-// ---------------------------------------------------------------------------------------------
-// The library's log
-
-bool begins_with(std::string_view text, std::string_view beginning) {
-    return text.substr(0, beginning.size()) == beginning;
-}
-
-bool ends_with(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
-}
+thread_local std::uint64_t tTransaction = 0;
 
 // The lines would be many gigabytes. Two matters are told nowhere else: that a reply could not be
 // sent, which is said on the thread that ran the task, and that a session is known without having
 // the service of a task.
-void watch_log(const __android_logger_data*, const char* line) {
-    if (tTransaction != 0 && begins_with(line, "client NOT able to send msg")) {
-        report({RecordKind::kReplyLost, 0, tTransaction});
-    } else if (begins_with(line, "No Session ") && ends_with(line, kEndedProbe)) {
-        report({RecordKind::kStillInTable});
+void watch_log(const __android_logger_data*, const char* text) {
+    const std::string_view line = text;
+    if (tTransaction != 0 && line.rfind("client NOT able to send msg", 0) == 0) {
+        ++gShared.lost[tTransaction];
+    } else if (line.rfind("No Session ", 0) == 0 &&
+               line.substr(line.size() - kEndedProbe.size()) == kEndedProbe) {
+        ++gShared.wrong_sessions;
     }
 }
 
-// ---------------------------------------------------------------------------------------------
-// Callbacks
+// ---- Callbacks
 
-void take_time(const std::string& function) {
-    if (function.compare(0, kNap.size(), kNap) != 0) return;
-    std::this_thread::sleep_for(
-        std::chrono::milliseconds(std::atoi(function.c_str() + kNap.size())));
+// The arguments and their types as the service sees them.
+std::uint64_t digest_of(const vexon_func_call_info_t& args) {
+    std::string text = read_arguments(args);
+    if (args.type_queue == nullptr) return hash_of(text);
+    for (const auto& [key, value] : *args.type_queue) text += std::to_string(value.first) + ' ';
+    return hash_of(text);
 }
 
 template <std::size_t service>
 int run_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
     tTransaction = static_cast<std::uint32_t>(call->transac_id);
-    report({RecordKind::kTaskRan, 0, tTransaction});
-    take_time(args.func_name);
+    ++gShared.ran[tTransaction];
+    std::this_thread::sleep_for(std::chrono::milliseconds(number_after(args.func_name, kNap)));
     call->opcode = std::to_string(kServices[service].opcode);
     call->name = args.func_name;
-    call->func = "\"digest\":\"" + std::to_string(hash_of(args.func_name + render(args))) + "\"";
+    call->func = "\"digest\":\"" + std::to_string(digest_of(args)) + "\"";
     call->return_value = args.num_of_args;
     return 0;
 }
@@ -123,89 +79,129 @@ int run_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
 constexpr vexon_exec_callback_t kExecCallbacks[] = {run_task<0>, run_task<1>, run_task<2>};
 static_assert(std::size(kExecCallbacks) == kServices.size());
 
-bool fits(const vexa_req_t& request, const Notice& notice) {
-    if (request.session_id != notice.session || request.package != notice.package) return false;
-    switch (notice.kind) {
-        case NoticeKind::kPermission:
-            return request.status == VEXA_STATUS_PERMISSION_CHANGE &&
-                   request.permission == notice.name &&
-                   request.permission_status == (notice.granted ? 1 : 0);
-        case NoticeKind::kState:
-            return request.status == VEXA_STATUS_STATE_CHANGE &&
-                   request.state == notice.name + ":" + notice.value;
-        default:
-            return request.status == VEXA_STATUS_SYSTEM_SETTING_CHANGE &&
-                   request.state == notice.name + ":" + notice.value;
-    }
+void count_notice(const vexa_req_t& request, const Service* service) {
+    constexpr vexa_status_t kKinds[] = {VEXA_STATUS_PERMISSION_CHANGE, VEXA_STATUS_STATE_CHANGE,
+                                        VEXA_STATUS_SYSTEM_SETTING_CHANGE};
+    const std::uint64_t number = number_after(request.permission + request.state, kNoticePrefix);
+    const Notice notice = notice_of(number);
+    const bool named = notice.kind == 0 ? request.permission == notice.name &&
+                                              request.permission_status == (notice.granted ? 1 : 0)
+                                        : request.state == notice.name + ":" + notice.value;
+    const bool right = named && request.status == kKinds[notice.kind] &&
+                       request.session_id == notice.session && request.package == notice.package;
+    if (!right) ++gShared.wrong_notices;
+    gShared.notices[number] += 1U << 4 * (service - kServices.data());
 }
 
-void report_notice(const vexa_req_t& request, std::uint32_t service) {
-    const std::string& text = request.permission.empty() ? request.state : request.permission;
-    const std::size_t digits = std::min(kNoticePrefix.size(), text.size());
-    const std::uint64_t number = std::strtoull(text.c_str() + digits, nullptr, 10);
-    const bool right = fits(request, notice_of(number));
-    report({right ? RecordKind::kNotice : RecordKind::kWrongNotice, service, number});
-}
-
-void report_session(const vexa_req_t& request) {
-    const std::uint64_t service = std::uint64_t{request.opcode} << 32 | request.subsys_id;
-    report({RecordKind::kSession, static_cast<std::uint32_t>(request.status), request.session_id,
-            service});
+// Counts in `now` what may follow only on what is counted in `before`.
+void count(Counter& now, const Counter& before) {
+    if (++now > before) ++gShared.wrong_sessions;
 }
 
 int on_state(int, vexa_req_t* request, void* user_data) {
-    const auto service = static_cast<const Service*>(user_data) - kServices.data();
+    const std::uint32_t session = request->session_id;
     switch (request->status) {
         case VEXA_STATUS_TERMINATED:
             gConnected = false;
-            report({RecordKind::kTerminated});
+            ++gShared.losses;
             return 0;
         case VEXA_STATUS_RECONNECTED:
-            report({RecordKind::kReconnected});
-            gOrders.add(Order::kReconnected);
+            ++gShared.returns;
             return 0;
         case VEXA_STATUS_SESSION_START:
-            if (is_refused_session(request->session_id)) return -1;
-            report_session(*request);
+            if (is_refused_session(session)) return -1;
+            ++gShared.starts[session];
             return 0;
         case VEXA_STATUS_SESSION_READY:
+            count(gShared.readies[session], gShared.starts[session]);
+            return 0;
         case VEXA_STATUS_SESSION_END:
-            report_session(*request);
+            count(gShared.ends[session], gShared.starts[session]);
             return 0;
         default:
-            report_notice(*request, static_cast<std::uint32_t>(service));
+            count_notice(*request, static_cast<const Service*>(user_data));
             return 0;
     }
 }
 
-// ---------------------------------------------------------------------------------------------
-// Connections
+void on_receive_end(vexa_receive_end_t reason, void*) {
+    ++gShared.receive_ends.at(static_cast<std::size_t>(reason));
+    if (reason != VEXA_RECEIVE_END_DISCONNECTED) gLost = true;
+}
 
-std::string definition(const Service& service) {
-    char opcode[9];
-    std::snprintf(opcode, sizeof(opcode), "%x", service.opcode);
-    std::string text =
-        std::string("\x02{\"Vexon\":{\"opcode\":\"") + opcode + "\",\"subsystems\":[";
-    for (std::uint32_t id = 1; id <= service.subsystems; ++id) {
-        text += (id == 1 ? "{\"id\":" : ",{\"id\":") + std::to_string(id) + "}";
+// ---- Questions and markers
+
+enum class Outcome { kAnswered, kUnanswered, kWrong };
+
+template <class Answer>
+Outcome judge(const Answer& answer, const Answer& expected, const Answer& unsent) {
+    if (answer == expected) return Outcome::kAnswered;
+    return answer.empty() || answer == unsent ? Outcome::kUnanswered : Outcome::kWrong;
+}
+
+Outcome ask(std::mt19937& random) {
+    std::vector<std::string> names;
+    std::vector<std::string> infos;
+    std::vector<bool> granted;
+    for (auto left = 1 + random() % 4; left > 0; --left) {
+        const std::uint64_t number = random() % kNames;
+        names.push_back(name_of(number));
+        infos.push_back(info_text(number));
+        granted.push_back(is_granted(number));
+        std::string value;
+        const int result = parse_result_of_query_info(infos.back(), value);
+        const bool right = value == info_value(number) && result == (number % 5 == 0 ? -1 : 0);
+        if (!right) return Outcome::kWrong;
     }
-    return text + "]}}";
+    const auto session = static_cast<unsigned>(random());
+    const auto kind = random() % 3;
+    if (kind == 0) return judge(vexa_permission_query(session, names), granted, {});
+    const auto query = kind == 1 ? vexa_info_query : vexa_info_monitor;
+    return judge(query(session, names), infos, std::vector<std::string>(names.size()));
 }
 
-bool offer(std::uint32_t id, std::size_t index) {
-    const Service& service = kServices[index];
-    const std::string text = definition(service);
-    const auto* api = reinterpret_cast<const std::uint8_t*>(text.c_str());
-    auto* user_data = const_cast<Service*>(&service);
-    return _vexa_svc_register_auth(id, service.opcode, api, "soak") == 0 &&
-           _vexa_svc_ready(id, service.opcode, on_state, user_data, kExecCallbacks[index]) == 0;
+// Only a time without the Manager excuses that there is no answer.
+Outcome ask_and_count(std::mt19937& random) {
+    const std::uint32_t before = gShared.disturbances;
+    const Outcome outcome = ask(random);
+    const bool is_excused = before % 2 == 1 || before != gShared.disturbances;
+    ++gShared.queries;
+    if (outcome == Outcome::kAnswered) {
+        ++gShared.answered_queries;
+    } else if (outcome == Outcome::kWrong || !is_excused) {
+        ++gShared.wrong_queries;
+    }
+    return outcome;
 }
 
+// 0 is the result of a send; the log gives another when nothing is to be sent.
+void log_marker(unsigned questioner) {
+    Counter& sent = gShared.markers.at(questioner);
+    const auto text =
+        std::string(kMarkerPrefix) + std::to_string(kQuestioners * (sent + 1) + questioner);
+    if (vexa_log_marker(text.c_str()) == 0) ++sent;
+}
+
+void ask_on(unsigned questioner) {
+    std::mt19937 random(questioner);
+    while (!gStopping) {
+        auto outcome = Outcome::kAnswered;
+        if (gConnected || random() % kAskedInVain == 0) outcome = ask_and_count(random);
+        if (random() % kMarkerInterval == 0) log_marker(questioner);
+        const bool goes_well = gConnected && outcome == Outcome::kAnswered;
+        std::this_thread::sleep_for(goes_well ? 1ms : 20ms);
+    }
+}
+
+// ---- The course
+
+// The callback is set anew so that what was lost and given up in the meantime says so.
 void take_leave(int id) {
     gConnected = false;
     const int result = vexa_svc_deinit(static_cast<std::uint32_t>(id));
     if (result != 0) std::fprintf(stderr, "vexa_svc_deinit: %d\n", result);
-    gOrders.forget_reconnections();
+    vexa_svc_on_receive_end(on_receive_end, nullptr);
+    gLost = false;
 }
 
 // Returns the service id, -1 if the Manager could not be reached.
@@ -213,7 +209,9 @@ int introduce() {
     const int id = vexa_svc_init();
     if (id < 0) return -1;
     for (std::size_t i = 0; i < kServices.size(); ++i) {
-        if (offer(static_cast<std::uint32_t>(id), i)) continue;
+        auto* const user_data = const_cast<Service*>(&kServices[i]);
+        const auto own_id = static_cast<std::uint32_t>(id);
+        if (offer(own_id, kServices[i], on_state, user_data, kExecCallbacks[i]) == 0) continue;
         take_leave(id);
         return -1;
     }
@@ -222,9 +220,12 @@ int introduce() {
 
 int connect() {
     int id = introduce();
-    for (; id < 0; id = introduce()) std::this_thread::sleep_for(kRetryPause);
+    for (auto pause = 10ms; id < 0; id = introduce()) {
+        std::this_thread::sleep_for(pause);
+        pause = std::min(2 * pause, 200ms);
+    }
     gConnected = true;
-    report({RecordKind::kReady, 0, now_ns()});
+    ++gShared.ready;
     return id;
 }
 
@@ -234,41 +235,39 @@ void choose_socket(bool dedicated) {
                                dedicated ? "vendor.mirt.soak" : "vendor.mirt.other");
 }
 
-Order order_of(char letter) {
-    if (letter == 't') return Order::kTrim;
-    return letter == 'd' ? Order::kStartOverDedicated : Order::kStartOverPlain;
-}
-
-void read_orders() {
-    char letter = 0;
-    while (::read(STDIN_FILENO, &letter, 1) == 1) gOrders.add(order_of(letter));
-    gOrders.add(Order::kFinish);
-}
-
-int start_over(int id, Order reason) {
+int carry_out(char order, int id) {
+    if (order == 't') {
+        // The C library keeps what was released for the next time. Only without that does the
+        // memory of the process tell what is in use. It gives all back from the first of its
+        // arenas only, so main() makes it use no other.
+        ::malloc_trim(0);
+        return id;
+    }
+    if (order == 0) {
+        terminate_sessions();
+    } else {
+        choose_socket(order == 'd');
+    }
     take_leave(id);
-    if (reason != Order::kReconnected) choose_socket(reason == Order::kStartOverDedicated);
     return connect();
 }
 
-// The C library keeps what was released for the next time, the more the longer it goes on. Only
-// without that does the memory of the process tell what is in use. It gives all back from the first
-// of its arenas only, so main() makes it use no other.
-void trim() {
-    ::malloc_trim(0);
-    report({RecordKind::kTrimmed});
-}
-
-int serve_until_finished(int id) {
-    const Questioners questioners(kQuestioners, gConnected);
-    for (Order order = gOrders.take(); order != Order::kFinish; order = gOrders.take()) {
-        if (order == Order::kTrim) {
-            trim();
-        } else {
-            id = start_over(id, order);
-        }
+void serve() {
+    android::base::SetProperty("ro.build.type", "userdebug");
+    android::base::SetProperty("vendor.vexon.one.markers", "true");
+    choose_socket(false);
+    vexa_svc_on_receive_end(on_receive_end, nullptr);
+    int id = connect();
+    std::vector<std::thread> questioners;
+    for (unsigned i = 0; i < kQuestioners; ++i) questioners.emplace_back(ask_on, i);
+    for (char order = 0; order != 'f'; order = gShared.order) {
+        if (order != 0 || gLost) id = carry_out(order, id);
+        if (order != 0) gShared.order = 0;
+        std::this_thread::sleep_for(1ms);
     }
-    return id;
+    gStopping = true;
+    for (std::thread& thread : questioners) thread.join();
+    take_leave(id);
 }
 
 std::size_t count_threads() {
@@ -279,29 +278,43 @@ std::size_t count_threads() {
 // The library's threads end by themselves. One that is on its way out when the process exits would
 // look like a leak of what it holds.
 void await_threads(std::size_t count) {
-    const auto limit = std::chrono::steady_clock::now() + kThreadsLimit;
-    while (count_threads() > count) {
-        if (std::chrono::steady_clock::now() > limit) {
-            std::fprintf(stderr, "threads of the library are left\n");
-            return;
-        }
+    for (int left = 10'000; count_threads() > count && left > 0; --left) {
         std::this_thread::sleep_for(1ms);
     }
+    if (count_threads() > count) std::fprintf(stderr, "threads of the library are left\n");
 }
 
 }  // namespace
+
+int offer(std::uint32_t id, const Service& service, vexa_state_callback_t on_state, void* user_data,
+          vexon_exec_callback_t on_task) {
+    char opcode[9];
+    std::snprintf(opcode, sizeof(opcode), "%x", service.opcode);
+    std::string text;
+    for (std::uint32_t subsystem = 1; subsystem <= service.subsystems; ++subsystem) {
+        text += (text.empty() ? R"({"id":)" : R"(,{"id":)") + std::to_string(subsystem) + "}";
+    }
+    text = std::string("\x02{\"Vexon\":{\"opcode\":\"") + opcode + R"(","subsystems":[)" + text +
+           "]}}";
+    const auto* const api = reinterpret_cast<const std::uint8_t*>(text.c_str());
+    const int result = _vexa_svc_register_auth(id, service.opcode, api, "soak");
+    if (result != 0) return result;
+    return _vexa_svc_ready(id, service.opcode, on_state, user_data, on_task);
+}
+
 }  // namespace soak
 
-int main() {
+int main(int argc, char** argv) {
     ::mallopt(M_ARENA_MAX, 1);
-    __android_log_set_logger(soak::watch_log);
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::prctl(PR_SET_NAME, "mirt_soak");
-    android::base::SetProperty("ro.build.type", "userdebug");
-    android::base::SetProperty("vendor.vexon.one.markers", "true");
-    soak::choose_socket(false);
-    std::thread reader(soak::read_orders);
+    __android_log_set_logger(soak::watch_log);
+    std::thread([] {}).join();  // with the first, a sanitizer starts one of its own
     const std::size_t threads = soak::count_threads();
-    soak::take_leave(soak::serve_until_finished(soak::connect()));
-    reader.join();
-    soak::await_threads(threads - 1);
+    if (argc > 1) {
+        soak::take_chances(std::strtoul(argv[1], nullptr, 10));
+    } else {
+        soak::serve();
+    }
+    soak::await_threads(threads);
 }

@@ -16,14 +16,14 @@ SimulatedManager::~SimulatedManager() {
     stop();
 }
 
-void SimulatedManager::start() {
+void SimulatedManager::start(std::int64_t last_service) {
     const std::lock_guard lifecycle(lifecycle_mutex_);
     if (thread_.joinable()) return;
     listener_ = ListeningSocket(path_);
     {
         const Lock lock(mutex_);
         running_ = true;
-        answers_.forget_services();
+        answers_.count_services_from(last_service);
     }
     thread_ = std::thread([this] { serve(); });
 }

@@ -55,10 +55,11 @@ class SimulatedManager {
     SimulatedManager& operator=(const SimulatedManager&) = delete;
 
     /// Listens at the path and serves clients on a thread of its own; nothing if running already.
-    /// A Manager that was stopped starts like a new one: its services count from 1, no opcode is
-    /// authenticated. The log, the cursor of expect(), the numbering of clients and transactions
-    /// and the rules of the answers go on. Throws ManagerError if it cannot listen.
-    void start();
+    /// A Manager that was stopped starts like a new one: the ids of its services follow on
+    /// `last_service`, no opcode is authenticated. The log, the cursor of expect(), the numbering
+    /// of clients and transactions and the rules of the answers go on. Throws ManagerError if it
+    /// cannot listen.
+    void start(std::int64_t last_service = 0);
 
     /// Closes all connections as close_clients() does, removes the socket file and wakes waiting
     /// calls, which report that nothing came; nothing if not running. Waits for the thread to end.

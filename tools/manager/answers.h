@@ -39,8 +39,8 @@ class Answers {
     /// Returns nothing if the request gets no answer. Counts services.
     std::optional<Answer> answer(const Request& request);
 
-    /// Counts services from 1 again; the rules stay.
-    void forget_services() { services_ = 0; }
+    /// The next service gets the id after this one; the rules stay.
+    void count_services_from(std::int64_t last) { services_ = last; }
 
   private:
     struct Rule {
