@@ -1,21 +1,26 @@
 // Puts the library under load for a while: a Manager in this process, a service in another, both
 // in a /dev of their own. Then come rounds of chance, and a table of figures and checks.
 
+#include <fmt/ranges.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vexon2_0.h>
 
+#include <algorithm>
 #include <condition_variable>
+#include <csignal>
+#include <cstdio>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <thread>
 
 #include "arguments.h"
 #include "manager/Manager.h"
-#include "manager/json.h"
 #include "manager/latencies.h"
 #include "private_dev/enter_private_dev.h"
-#include "process.h"
 
 namespace soak {
 namespace {
@@ -62,6 +67,73 @@ struct Task {
     Clock::time_point when_cut{};
 };
 
+struct Usage {
+    std::size_t memory_kib = 0;  // resident
+    std::size_t threads = 0;
+    std::size_t descriptors = 0;
+};
+
+// The service process, watched from outside. To be started while there is one thread.
+class Process {
+  public:
+    explicit Process(const std::string& argument) {
+        if (::ftruncate(memory_, sizeof(Shared)) != 0) std::perror("ftruncate");
+        pid_ = ::fork();
+        if (pid_ == 0) run(argument);
+    }
+    ~Process() {
+        if (!has_ended()) ::kill(pid_, SIGKILL);
+        if (!status_) ::waitpid(pid_, nullptr, 0);
+        ::munmap(&shared, sizeof(Shared));
+        ::close(memory_);
+        std::fclose(errors_);
+    }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    bool has_ended() {
+        int status = 0;
+        if (!status_ && ::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+        return status_.has_value();
+    }
+    // What it should not have written or ended with.
+    std::string complaint() const {
+        std::string text(65536, '\0');
+        std::rewind(errors_);
+        text.resize(std::fread(text.data(), 1, text.size(), errors_));
+        return status_.value_or(0) == 0 ? text : fmt::format("status {}\n{}", *status_, text);
+    }
+    Usage usage() const {
+        const std::string directory = fmt::format("/proc/{}/", pid_);
+        std::error_code error;
+        const std::filesystem::directory_iterator files(directory + "fd", error);
+        return {number_in(directory + "smaps_rollup", "\nRss:"),
+                number_in(directory + "status", "\nThreads:"),
+                static_cast<std::size_t>(std::distance(begin(files), end(files)))};
+    }
+
+  private:
+    [[noreturn]] void run(const std::string& argument) const {
+        constexpr const char* kProgram = VEXON_SOAK_SERVICE;
+        ::dup2(::fileno(errors_), STDERR_FILENO);
+        ::dup2(memory_, 3);
+        ::execl(kProgram, kProgram, argument.empty() ? nullptr : argument.c_str(), nullptr);
+        ::_exit(127);
+    }
+    static std::size_t number_in(const std::string& file, std::string_view key) {
+        std::ifstream stream(file);
+        return number_after({std::istreambuf_iterator<char>(stream), {}}, key);
+    }
+
+    std::FILE* const errors_ = std::tmpfile();
+    const int memory_ = ::memfd_create("soak", 0);
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+
+  public:
+    Shared& shared = *static_cast<Shared*>(
+        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, memory_, 0));
+};
+
 // A session is started, takes tasks until its end, is ended and, in part, ended again, which is to
 // be refused, since it has left the table.
 struct Session {
@@ -76,14 +148,13 @@ struct Session {
                            id, success ? "Success" : "Failed", more);
     }
     std::string start_response(bool success) const {
-        std::string services;
-        for (std::size_t i = 0; success && i < targets.size(); ++i) {
-            const auto& ids = targets[i].subsystems;
-            const auto one = [&](std::size_t k) { return fmt::format(R"({{"id":{}}})", ids[k]); };
-            services += fmt::format(R"({}{{"id":"0x{:08x}","subsystems":{}}})", i == 0 ? "" : ",",
-                                    targets[i].opcode, make_list(ids.size(), one));
+        std::vector<std::string> all;
+        for (const auto& [opcode, ids] : targets) {
+            const auto list = fmt::format(R"({{"id":{}}})", fmt::join(ids, R"(},{"id":)"));
+            all.push_back(fmt::format(R"({{"id":"0x{:08x}","subsystems":[{}]}})", opcode, list));
         }
-        return response("start", success, R"(,"opcodes":[)" + services + ']');
+        if (!success) all.clear();
+        return response("start", success, fmt::format(R"(,"opcodes":[{}])", fmt::join(all, ",")));
     }
     std::uint32_t services() const {
         std::size_t count = 0;
@@ -101,7 +172,7 @@ struct InVain {};
 
 class Soak {
   public:
-    Soak(std::chrono::seconds duration, unsigned long seed) : duration_(duration), seed_(seed) {}
+    Soak(std::chrono::seconds duration, unsigned seed) : duration_(duration), seed_(seed) {}
 
     // Returns whether all checks hold. Prints the progress and the closing table.
     bool run() {
@@ -141,6 +212,7 @@ class Soak {
         if (!service.complaint().empty()) service_check_.fail(service.complaint());
         close_accounts();
         judge_usage();
+        connections_ = service.shared.ready;
         queries_total_ = service.shared.queries;
         queries_answered_ = service.shared.answered_queries;
     }
@@ -184,17 +256,16 @@ class Soak {
     // Nothing is under way, so that the figures of different times can be compared. A thread that
     // has sent its reply may yet have to end, and so may a receive thread.
     void observe_usage() {
-        Usage usage = service_->usage();
-        auto still = Clock::now() + 200ms;
-        for (const auto limit = Clock::now() + 5s; Clock::now() < std::min(still, limit);) {
+        const auto limit = Clock::now() + 5s;
+        for (int still = 0; still < 20 && Clock::now() < limit; ++still) {
+            const Usage before = service_->usage();
             take_packets(10ms);
-            const Usage next = service_->usage();
-            if (next.threads != usage.threads || next.descriptors != usage.descriptors) {
-                still = Clock::now() + 200ms;
-            }
-            usage = next;
+            const Usage now = service_->usage();
+            const bool same =
+                now.threads == before.threads && now.descriptors == before.descriptors;
+            if (!same) still = 0;
         }
-        order('t');
+        shared().order = 't';
         await("the service to give back memory", [this] { return service_->shared.order == 0; });
         last_ = service_->usage();
         most_kib_ = std::max(most_kib_, last_.memory_kib);
@@ -266,7 +337,7 @@ class Soak {
     void start_over(bool abruptly) {
         const std::size_t disconnected = disconnections_;
         if (abruptly) cut(Cut::kByService);
-        order(++leaves_ % 2 == 0 ? 'd' : 'p');
+        shared().order = ++leaves_ % 2 == 0 ? 'd' : 'p';
         await("the service to take leave", [&] {
             if (abruptly && disconnected == disconnections_) {
                 send_tasks();
@@ -274,6 +345,7 @@ class Soak {
             }
             return disconnected != disconnections_;
         });
+        take_packets(0ms);
         drop_undelivered();
         await_ready(ready_);
         sweep_notices(true);
@@ -285,8 +357,6 @@ class Soak {
         const std::lock_guard lock(mutex_);
         peer_ = latest_;
     }
-
-    void order(char letter) { shared().order = letter; }
 
     template <class Done>
     void await(const char* what, Done done) {
@@ -389,19 +459,17 @@ class Soak {
         const auto nap = make_nap();
         const std::string function =
             fmt::format("{}{}", nap > 0ms ? kNap : "function_", nap > 0ms ? nap.count() : 7);
-        const std::string arguments = make_items(random_);
-        const auto items = manager::parse_json(arguments).value();
+        const Arguments arguments = make_arguments(function, random_);
         const std::uint32_t transaction = new_transaction();
-        tasks_[transaction] = {
-            fmt::format(R"({{"opcode":"{}","name":"{}","subsys_id":"{}","req_type":"exec_task",)"
-                        R"("return":{},"func":{{"digest":"{}"}},"transac_id":{},"status": 0,)"
-                        R"("session_id":{}}})",
-                        target.opcode, function, subsystem, items.size(),
-                        digest_of(function, items), transaction, session.id),
-            nap};
+        const std::string reply = fmt::format(
+            R"({{"opcode":"{}","name":"{}","subsys_id":"{}","req_type":"exec_task","return":{},)"
+            R"("func":{{"digest":"{}"}},"transac_id":{},"status": 0,"session_id":{}}})",
+            target.opcode, function, subsystem, arguments.count, arguments.digest, transaction,
+            session.id);
+        tasks_[transaction] = {reply, nap};
         ++in_flight_;
-        send(manager::exec_task_message({session.id, target.opcode, subsystem, function, arguments},
-                                        transaction));
+        send(manager::exec_task_message(
+            {session.id, target.opcode, subsystem, function, arguments.json}, transaction));
     }
 
     void send_rejected(manager::Task task) {
@@ -446,7 +514,7 @@ class Soak {
         const Notice notice = notice_of(++last_notice_);
         const manager::Affected affected{notice.session, notice.package};
         Counter& told = shared().notices[last_notice_];
-        if ((told & ~kToldAll) != 0) notices_check_.fail("a notice came to a service once more");
+        check_notice(told);
         told = 0;
         notices_open_[last_notice_] = false;
         send(notice.kind == 0
@@ -676,6 +744,10 @@ class Soak {
         ended_ += ends;
     }
 
+    void check_notice(std::uint32_t told) {
+        if ((told & ~kToldAll) != 0) notices_check_.fail("a service was told once more");
+    }
+
     void sweep_notices(bool may_be_unread) {
         for (auto notice = notices_open_.begin(); notice != notices_open_.end();) {
             const bool is_complete = shared().notices[notice->first] == kToldAll;
@@ -692,6 +764,7 @@ class Soak {
         for (const auto& task : tasks_)
             fail(task, shared().ran[task.first] ? "no reply" : "no run");
         for (std::uint32_t i = 0; i < kSlots; ++i) check_slot(i);
+        for (const Counter& told : shared().notices.counters) check_notice(told);
         if (ran_ != answered_ + lost_ + unread_replies_ || sent_ != ran_ + never_ran_) {
             once_.fail(fmt::format("{} sent, {} ran, {} answered", sent_, ran_, answered_));
         }
@@ -751,48 +824,29 @@ class Soak {
             chance_.fail(fmt::format("{} to a connection of service id {}", packet.text,
                                      given[packet.client]));
         });
-        std::int64_t services = 0;
-        manager.start(services);
+        std::int64_t last_service = 0;  // an id is given once only
+        manager.start(last_service);
         const auto end = begin_ + duration_;
         Clock::time_point next_closing;
         while (!service.has_ended()) {
+            const auto what = random_() % 12;
+            const bool yes = random_() % 2 == 0;
             const auto step = static_cast<manager::Step>(random_() % manager::kStepCount);
-            const auto ending = random_() % 2 == 0 ? Ending::Orderly : Ending::Abrupt;
-            const std::uint32_t session = 1 + random_() % 4;
-            switch (random_() % 12) {
-                case 0:
-                    manager.refuse(step);
-                    break;
-                case 1:
-                    manager.accept(step);
-                    break;
-                case 2:
-                    manager.set_delay(step, Milliseconds(random_() % 100));
-                    break;
-                case 3:
-                    manager.set_drop(step, random_() % 4 == 0);
-                    break;
-                case 4:
-                    manager.set_twice(step, random_() % 2 == 0);
-                    break;
-                case 5:
-                    manager.set_reading(random_() % 3 != 0);
-                    break;
-                default:
-                    talk_at_random(manager, session, opcode);
-            }
+            if (what == 0) manager.refuse(step);
+            if (what == 1) manager.set_delay(step, Milliseconds(random_() % 100));
+            if (what == 2) manager.set_drop(step, random_() % 4 == 0);
+            if (what == 3) manager.set_twice(step, yes);
+            if (what == 4) manager.set_reading(yes);
+            if (what > 4) manager.accept(step);
+            if (what > 6) talk_at_random(manager, 1 + random_() % 4, opcode);
             if (is_due(next_closing, Milliseconds(random_() % 400))) {
+                const auto ending = random_() % 2 == 0 ? Ending::Orderly : Ending::Abrupt;
                 ++closings_;
-                if (random_() % 2 == 0) {
-                    manager.close_clients(ending);
-                } else {
-                    manager.stop(ending);
-                    std::this_thread::sleep_for(Milliseconds(random_() % 100));
-                    manager.start(services += 100'000);
-                }
+                if (yes) manager.close_clients(ending);
+                if (!yes) manager.stop(ending);
+                std::this_thread::sleep_for(Milliseconds(random_() % 100));
+                if (!yes) manager.start(last_service += 100'000);
                 manager.set_reading(true);
-                for (std::size_t i = 0; i < manager::kStepCount; ++i)
-                    manager.accept(static_cast<manager::Step>(i));
             }
             std::this_thread::sleep_for(Milliseconds(random_() % 10));
             show_progress();
@@ -820,11 +874,10 @@ class Soak {
     // ---- What is shown
 
     void show_progress() {
-        if (!is_due(next_progress_, ::isatty(STDOUT_FILENO) != 0 ? 500ms : 10s)) return;
-        fmt::print("{}{:4.0f} s: {} tasks answered, {} in flight, {} stops, {} KiB{}",
-                   ::isatty(STDOUT_FILENO) != 0 ? "\r\x1b[K" : "",
+        if (!is_due(next_progress_, 10s)) return;
+        fmt::print("{:4.0f} s: {} tasks answered, {} in flight, {} stops, {} KiB\n",
                    Seconds(Clock::now() - begin_).count(), answered_, in_flight_, cycles_,
-                   service_->usage().memory_kib, ::isatty(STDOUT_FILENO) != 0 ? "" : "\n");
+                   service_->usage().memory_kib);
         std::fflush(stdout);
     }
 
@@ -839,8 +892,8 @@ class Soak {
         fmt::print("\n");
         row("Duration", "{:.1f} s, of which {:.1f} s under load",
             Seconds(Clock::now() - begin_).count(), loaded);
-        row("Connections", "{}; the Manager stopped {} times after draining, {} times abruptly, {}",
-            connections_, stops_[kManagerDrained], stops_[kManagerCut], "");
+        row("Connections", "{}; the Manager stopped {} times after draining, {} times abruptly,",
+            connections_, stops_[kManagerDrained], stops_[kManagerCut]);
         row("", "{} times with packets unread ({} resets), {} times for longer than 20 s;",
             stops_[kManagerReset], resets_, long_outages_);
         row("", "the service started over {} times after draining, {} times abruptly",
@@ -861,8 +914,7 @@ class Soak {
         row("Markers", "{} received", markers_total_);
         row("Memory", "{} KiB after the warm-up, {} KiB at last ({:+.1f} %), at most {} KiB",
             warm.memory_kib, last_.memory_kib,
-            100.0 * static_cast<double>(last_.memory_kib) /
-                    static_cast<double>(std::max<std::size_t>(warm.memory_kib, 1)) -
+            100.0 * static_cast<double>(last_.memory_kib) / static_cast<double>(warm.memory_kib) -
                 100,
             most_kib_);
         row("Threads", "{} after the warm-up, {} at last", warm.threads, last_.threads);
@@ -897,7 +949,7 @@ class Soak {
     static constexpr std::uint32_t kToldAll = 0x111;
 
     const std::chrono::seconds duration_;
-    const unsigned long seed_;
+    const unsigned seed_;
     const Milliseconds load_ = Milliseconds(duration_) * 4 / 5;
     const Clock::time_point begin_ = Clock::now();
     Random random_{seed_};
@@ -965,23 +1017,14 @@ void fail_hanging(int) {
     ::_exit(3);
 }
 
-// Returns 0 if `text` is no number up to `most`.
-unsigned long read_number(const std::string& text, unsigned long most) {
-    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != text.npos) {
-        return 0;
-    }
-    const unsigned long number = std::stoul(text);
-    return number <= most ? number : 0;
-}
-
 }  // namespace
 }  // namespace soak
 
 int main(int argc, char** argv) {
-    const auto seconds = argc < 2 ? 60 : soak::read_number(argv[1], 86'400);
-    const auto seed =
-        argc < 3 ? std::random_device()() % 1'000'000 + 1 : soak::read_number(argv[2], 999'999'999);
-    if (argc > 3 || seconds == 0 || seed == 0) {
+    const int seconds = argc < 2 ? 60 : std::atoi(argv[1]);
+    const int seed =
+        argc < 3 ? static_cast<int>(std::random_device()() % 1'000'000 + 1) : std::atoi(argv[2]);
+    if (argc > 3 || seconds < 1 || seconds > 86'400 || seed < 1) {
         std::fputs(
             "Usage: vexon-soak [SECONDS [SEED]]\n"
             "Put the library under load, 60 seconds if nothing else is said, 86400 at most.\n"
@@ -995,7 +1038,8 @@ int main(int argc, char** argv) {
     ::signal(SIGALRM, soak::fail_hanging);
     ::alarm(static_cast<unsigned>(seconds) + 180);  // all waits have shorter limits of their own
     try {
-        const bool passed = soak::Soak(std::chrono::seconds(seconds), seed).run();
+        const bool passed =
+            soak::Soak(std::chrono::seconds(seconds), static_cast<unsigned>(seed)).run();
         fmt::print("\n{}\n", passed ? "Passed" : "FAILED");
         return passed ? 0 : 1;
     } catch (const std::exception& error) {
