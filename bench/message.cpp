@@ -1,6 +1,7 @@
 #include "message.h"
 
-#include <algorithm>
+#include <fmt/ranges.h>
+
 #include <cmath>
 
 namespace bench {
@@ -10,36 +11,47 @@ bool is_text(const std::string& type) {
     return type == "string" || type == "bnry_blb";
 }
 
-std::string joined(const std::vector<Argument>& parts, std::string (*text)(const Argument&)) {
-    std::string all;
-    for (const Argument& part : parts) all += (all.empty() ? "" : ",") + text(part);
-    return all;
-}
-
-std::string member_list(const std::vector<Argument>& members);
+std::string list_of(const std::vector<Argument>& members);
 
 std::string value_text(const Argument& argument) {
-    if (argument.type == "struct") return "{\"members\":" + member_list(argument.parts) + "}";
+    if (argument.type == "struct") return "{\"members\":" + list_of(argument.parts) + "}";
     if (is_text(argument.type)) return '"' + argument.text + '"';
     if (argument.type == "boolean") return argument.number == 0 ? "false" : "true";
-    const std::string digits = std::to_string(std::llround(std::floor(argument.number)));
-    return argument.type == "double" ? digits + ".5" : digits;
+    return fmt::format("{:.{}f}", argument.number, argument.type == "double" ? 1 : 0);
 }
 
 std::string fields_of(const Argument& argument) {
-    if (argument.type == "struct") return ",\"members\":" + member_list(argument.parts);
-    if (argument.type != "vector") return ",\"value\":" + value_text(argument);
-    return ",\"vec_type\":\"" + argument.parts.front().type + "\",\"value\":[" +
-           joined(argument.parts, value_text) + "]";
+    if (argument.type == "struct") return "\"members\":" + list_of(argument.parts);
+    if (argument.type != "vector") return "\"value\":" + value_text(argument);
+    std::vector<std::string> elements;
+    for (const Argument& element : argument.parts) elements.push_back(value_text(element));
+    return fmt::format(R"("vec_type":"{}","value":[{}])", argument.parts.front().type,
+                       fmt::join(elements, ","));
 }
 
-std::string member_list(const std::vector<Argument>& members) {
-    std::string all;
-    for (std::size_t id = 0; id < members.size(); ++id) {
-        all += (id == 0 ? "{\"id\":" : ",{\"id\":") + std::to_string(id) + ",\"type\":\"" +
-               members[id].type + '"' + fields_of(members[id]) + '}';
+std::string list_of(const std::vector<Argument>& members) {
+    std::vector<std::string> texts;
+    for (const Argument& member : members) {
+        texts.push_back(fmt::format(R"({{"id":{},"type":"{}",{}}})", texts.size(), member.type,
+                                    fields_of(member)));
     }
-    return '[' + all + ']';
+    return fmt::format("[{}]", fmt::join(texts, ","));
+}
+
+Argument make_argument(const std::string& type, std::size_t position) {
+    const auto number = static_cast<double>(position);
+    if (type == "struct") return {type, 0, {}, {make_argument("int32", position)}};
+    if (is_text(type)) return {type, 0, fmt::format("text {}", 10'000 + position)};
+    if (type == "boolean") return {type, static_cast<double>(position % 2)};
+    if (type == "double") return {type, number + 0.5};
+    const bool is_byte = type == "uint8" || type == "int8";
+    return {type, is_byte ? static_cast<double>(position % 100) : 10'000 + number};
+}
+
+std::vector<Argument> make_arguments(const std::string& type, std::size_t count) {
+    std::vector<Argument> arguments;
+    for (std::size_t i = 0; i < count; ++i) arguments.push_back(make_argument(type, i));
+    return arguments;
 }
 
 Argument nested_struct(std::size_t depth) {
@@ -51,31 +63,20 @@ Argument nested_struct(std::size_t depth) {
     return level;
 }
 
-std::string counted(std::size_t count, const std::string& what) {
-    return std::to_string(count) + ' ' + what + (count == 1 ? "" : "s");
+std::string counted(std::size_t count, const char* what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
 }  // namespace
 
-Argument make_argument(const std::string& type, std::size_t position) {
-    if (type == "struct") return {type, 0, {}, {make_argument("int32", position)}};
-    if (is_text(type)) return {type, 0, "text " + std::to_string(10'000 + position)};
-    if (type == "boolean") return {type, static_cast<double>(position % 2)};
-    if (type == "double") return {type, static_cast<double>(position) + 0.5};
-    const bool is_byte = type == "uint8" || type == "int8";
-    return {type, static_cast<double>(is_byte ? position % 100 : 10'000 + position)};
-}
-
 Message scalars(const std::string& type, std::size_t count) {
-    Message message{counted(count, "argument"), "many", {}};
-    for (std::size_t i = 0; i < count; ++i) message.arguments.push_back(make_argument(type, i));
-    return message;
+    return {counted(count, "argument"), "many", make_arguments(type, count)};
 }
 
 Message vector_of(const std::string& type, std::size_t count) {
-    Argument vector{"vector"};
-    for (std::size_t i = 0; i < count; ++i) vector.parts.push_back(make_argument(type, i));
-    return {"vector of " + std::to_string(count), "vector", {vector}};
+    return {fmt::format("vector of {}", count),
+            "vector",
+            {{"vector", 0, {}, make_arguments(type, count)}}};
 }
 
 Message nested_structs(std::size_t depth) {
@@ -91,21 +92,18 @@ Message small_request() {
 }
 
 std::vector<Message> whole_way_messages() {
-    std::vector<Message> messages = {small_request()};
-    for (const std::size_t count : {1U, 10U, 100U, 1'000U})
-        messages.push_back(scalars("int32", count));
-    for (const std::size_t count : {1U, 100U, 10'000U})
-        messages.push_back(vector_of("int32", count));
-    for (const std::size_t depth : {1U, 4U, 8U}) messages.push_back(nested_structs(depth));
-    return messages;
+    std::vector<Message> all = {small_request()};
+    for (const std::size_t count : {1U, 10U, 100U, 1'000U}) all.push_back(scalars("int32", count));
+    for (const std::size_t count : {1U, 100U, 10'000U}) all.push_back(vector_of("int32", count));
+    for (const std::size_t depth : {1U, 4U, 8U}) all.push_back(nested_structs(depth));
+    return all;
 }
 
 std::string exec_task_text(const Message& message, std::uint32_t transaction) {
-    return "{\"req_type\":\"exec_task\",\"opcode\":\"0x1a\",\"subsys_id\":" +
-           std::to_string(kSubsystem) + ",\"session_id\":" + std::to_string(kSession) +
-           ",\"transac_id\":" + std::to_string(transaction) + ",\"func\":{\"name\":\"" +
-           message.function + "\",\"num_of_args\":" + std::to_string(message.arguments.size()) +
-           ",\"args\":" + member_list(message.arguments) + "}}";
+    return fmt::format(R"({{"req_type":"exec_task","opcode":"0x1a","subsys_id":{},"session_id":{},)"
+                       R"("transac_id":{},"func":{{"name":"{}","num_of_args":{},"args":{}}}}})",
+                       kSubsystem, kSession, transaction, message.function,
+                       message.arguments.size(), list_of(message.arguments));
 }
 
 std::int64_t checksum(const std::vector<Argument>& arguments) {

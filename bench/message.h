@@ -13,9 +13,9 @@ constexpr std::uint32_t kOpcode = 0x1a;
 constexpr std::uint32_t kSubsystem = 1;
 constexpr std::uint32_t kSession = 5;
 
-// The address of a call where functions belong to objects.
+// The address of a call where functions belong to objects, and where gRPC's server listens.
 constexpr char kObjectPath[] = "/service_1a/1/session_5";
-constexpr char kInterface[] = "bench.Service";
+constexpr char kGrpcPath[] = "unix:/dev/socket/grpc";
 
 // An argument, a member of a struct or an element of a vector; its id is its position. Which of the
 // fields holds the value depends on the type.
@@ -32,13 +32,9 @@ struct Message {
     std::vector<Argument> arguments;
 };
 
-// Returns an argument of a type other than vector; a struct has one member.
-Argument make_argument(const std::string& type, std::size_t position);
-
-// Returns a message of `count` arguments of one type.
+// Return a message of `count` arguments of one type, and one with a vector of them. As either a
+// struct has one member.
 Message scalars(const std::string& type, std::size_t count);
-
-// Returns a message with one vector.
 Message vector_of(const std::string& type, std::size_t count);
 
 // Returns a message with one struct whose structs nest `depth` deep, with three more members each.

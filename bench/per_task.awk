@@ -3,35 +3,26 @@
 # Fields: message, contender, kind of thread, function, tasks, count.
 
 {
-    if (!(message_number[$1])) {
-        message_number[$1] = ++messages
-        message_name[messages] = $1
-    }
+    if (!($1 in few)) message_name[++messages] = $1
     if (!few[$1] || $5 < few[$1]) few[$1] = $5
     if ($5 > many[$1]) many[$1] = $5
     count[$1, $2, $3, $5] += $6
-    if ($4 == "" || message_number[$1] > 1) next
-    site = $2 "\t" $3 "\t" $4
-    sites[site] = 1
+    if ($4 == "" || messages > 1) next
+    sites[site = $2 "\t" $3 "\t" $4] = has_sites = 1
     at_site[site, $5] += $6
 }
 
 END {
-    print (sites_exist() ? "Allocations" : "Instructions") " for each task\n"
+    print (has_sites ? "Allocations" : "Instructions") " for each task\n"
     printf "%-24s %32s  %32s\n", "", "library", "floor"
-    printf "%-24s %10s %10s %10s  %10s %10s %10s %8s\n", "", "receive", "worker", "sum", "receive",
-           "worker", "sum", "ratio"
+    heads = sprintf(" %10s %10s %10s", "receive", "worker", "sum")
+    printf "%-24s%s %s %8s\n", "", heads, heads, "ratio"
     for (i = 1; i <= messages; ++i) {
         message = message_name[i]
         printf "%-24s%s %s %8.2f\n", message, cells("library"), cells("floor"),
                sum("library") / sum("floor")
     }
-    if (sites_exist()) show_sites()
-}
-
-function sites_exist(   site) {
-    for (site in sites) return 1
-    return 0
+    if (has_sites) show_sites()
 }
 
 # What each further task adds.
@@ -49,21 +40,17 @@ function cells(contender) {
                    per_task(contender, "worker"), sum(contender))
 }
 
-function shortened(name) {
-    gsub(/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/,
-         "std::string", name)
-    return length(name) > 110 ? substr(name, 1, 107) "..." : name
-}
-
-function show_sites(   site, part, each, command) {
+function show_sites(   site, part, each, sorted) {
+    sorted = "sort -k1,1r -k2,2 -k3,3nr"
     message = message_name[1]
     printf "\nWhere they are made: %s\n\n", message
-    command = "sort -k1,1r -k2,2 -k3,3nr"
     for (site in sites) {
         each = more(at_site[site, many[message]], at_site[site, few[message]])
         if (each < 0.01) continue
         split(site, part, "\t")
-        printf "%-8s %-8s %5.1f  %s\n", part[1], part[2], each, shortened(part[3]) | command
+        gsub(/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/,
+             "std::string", part[3])
+        if (length(part[3]) > 110) part[3] = substr(part[3], 1, 107) "..."
+        printf "%-8s %-8s %5.1f  %s\n", part[1], part[2], each, part[3] | sorted
     }
-    close(command)
 }

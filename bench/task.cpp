@@ -8,31 +8,22 @@ const T& held(const std::shared_ptr<ValuesInterface>& value) {
     return std::static_pointer_cast<ParamValues<T>>(value)->value;
 }
 
-std::int64_t sum_of(const vexon_type_map_t& arguments);
-
-std::int64_t sum_of(vexon_data_type_t type, const std::shared_ptr<ValuesInterface>& value) {
-    switch (type) {
-        case VEXON_TYPE_INT32:
-            return held<int>(value);
-        case VEXON_TYPE_DOUBLE:
-            return static_cast<std::int64_t>(held<double>(value));
-        case VEXON_TYPE_STRING:
-            return static_cast<std::int64_t>(held<std::string>(value).size());
-        case VEXON_TYPE_STRUCT:
-            return sum_of(held<vexon_type_map_t>(value));
-        case VEXON_TYPE_VECTOR_INT32: {
-            std::int64_t sum = 0;
-            for (const int element : held<std::vector<int>>(value)) sum += element;
-            return sum;
-        }
-        default:
-            return 0;
-    }
-}
-
 std::int64_t sum_of(const vexon_type_map_t& arguments) {
     std::int64_t sum = 0;
-    for (const auto& [id, argument] : arguments) sum += sum_of(argument.first, argument.second);
+    for (const auto& [id, argument] : arguments) {
+        const auto& [type, value] = argument;
+        if (type == VEXON_TYPE_INT32) {
+            sum += held<int>(value);
+        } else if (type == VEXON_TYPE_DOUBLE) {
+            sum += static_cast<std::int64_t>(held<double>(value));
+        } else if (type == VEXON_TYPE_STRING) {
+            sum += static_cast<std::int64_t>(held<std::string>(value).size());
+        } else if (type == VEXON_TYPE_STRUCT) {
+            sum += sum_of(held<vexon_type_map_t>(value));
+        } else {
+            for (const int element : held<std::vector<int>>(value)) sum += element;
+        }
+    }
     return sum;
 }
 

@@ -7,20 +7,15 @@
 #include <stdexcept>
 #include <string>
 
+#include "manager/file_descriptor.h"
 #include "message.h"
 
 namespace bench {
 
 constexpr unsigned kMostInFlight = 64;
 
-// A service that does not answer, or not what it should.
-class CallFailed : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
 // Used by one thread. Each call has a slot, a number below kMostInFlight that no other call in
-// flight has. All throw CallFailed.
+// flight has. All throw std::runtime_error where the service does not answer as it should.
 class Caller {
   public:
     Caller() = default;
@@ -38,29 +33,15 @@ class Caller {
     virtual unsigned finish() = 0;
 };
 
-// A place where a service connects to.
-class Listener {
-  public:
-    Listener(const std::string& path, int type);
-    ~Listener();
+// Make the service that runs ready for calls over the connection. The library wants an
+// introduction, and a step of the floor answers without a result.
+enum class PacketService { kLibrary, kFloor, kStepOfFloor };
+std::unique_ptr<Caller> make_packet_caller(manager::FileDescriptor connection,
+                                           PacketService service);
+std::unique_ptr<Caller> make_sd_bus_caller(int connection);
 
-    // Waits for the service. The descriptor is the caller's, and blocks.
-    int accept() const;
-
-  private:
-    int fd_;
-};
-
-// These wait for the service to connect, or connect to it, and make it ready for calls. The floor
-// needs no introduction, and answers without a result when it stops after an early step.
-enum class Introduction { kFull, kNone };
-enum class Answer { kChecksum, kNone };
-std::unique_ptr<Caller> make_packet_caller(const Listener& listener, Introduction introduction,
-                                           Answer answer);
-std::unique_ptr<Caller> make_sd_bus_caller(const Listener& listener);
-
-// Whether the driver was built with gRPC, without which no such caller can be made.
-bool has_grpc();
-std::unique_ptr<Caller> make_grpc_caller(const std::string& path);
+// Waits for the service to listen at kGrpcPath. Returns null where the driver was built without
+// gRPC.
+std::unique_ptr<Caller> make_grpc_caller(int);
 
 }  // namespace bench

@@ -11,43 +11,32 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{60};
 
-template <class Encoded>
-void encode(const Argument& argument, Encoded* out) {
-    if (argument.type == "int32") {
-        out->set_number(static_cast<std::int32_t>(argument.number));
-    } else if (argument.type == "double") {
-        out->set_real(argument.number);
-    } else if (argument.type == "string") {
-        out->set_text(argument.text);
-    } else if (argument.type == "vector") {
-        for (const Argument& element : argument.parts) {
-            out->mutable_numbers()->add_values(static_cast<std::int32_t>(element.number));
-        }
-    } else {
-        int id = 0;
-        for (const Argument& member : argument.parts) {
-            rpc::Argument* const encoded = out->mutable_members()->add_arguments();
-            encoded->set_id(id++);
-            encode(member, encoded);
+template <class Arguments>
+void encode(const std::vector<Argument>& arguments, Arguments* out) {
+    for (const Argument& argument : arguments) {
+        rpc::Argument* const encoded = out->add_arguments();
+        encoded->set_id(out->arguments_size() - 1);
+        if (argument.type == "int32") {
+            encoded->set_number(static_cast<std::int32_t>(argument.number));
+        } else if (argument.type == "double") {
+            encoded->set_real(argument.number);
+        } else if (argument.type == "string") {
+            encoded->set_text(argument.text);
+        } else if (argument.type == "struct") {
+            encode(argument.parts, encoded->mutable_members());
+        } else {
+            for (const Argument& element : argument.parts) {
+                encoded->mutable_numbers()->add_values(static_cast<std::int32_t>(element.number));
+            }
         }
     }
 }
 
 class GrpcCaller final : public Caller {
   public:
-    explicit GrpcCaller(const std::string& path)
-        : channel_(grpc::CreateChannel("unix:" + path, grpc::InsecureChannelCredentials())),
-          stub_(rpc::Calls::NewStub(channel_)) {
+    GrpcCaller() {
         if (!channel_->WaitForConnected(std::chrono::system_clock::now() + kPatience)) {
-            throw CallFailed("gRPC: the service does not listen");
-        }
-    }
-
-    ~GrpcCaller() override {
-        queue_.Shutdown();
-        void* tag = nullptr;
-        bool ok = false;
-        while (queue_.Next(&tag, &ok)) {
+            throw std::runtime_error("gRPC: the service does not listen");
         }
     }
 
@@ -57,12 +46,7 @@ class GrpcCaller final : public Caller {
         request_.set_subsystem(kSubsystem);
         request_.set_session(kSession);
         request_.set_function(message.function);
-        int id = 0;
-        for (const Argument& argument : message.arguments) {
-            rpc::Argument* const encoded = request_.add_arguments();
-            encoded->set_id(id++);
-            encode(argument, encoded);
-        }
+        encode(message.arguments, &request_);
         checksum_ = checksum(message.arguments);
     }
 
@@ -79,7 +63,7 @@ class GrpcCaller final : public Caller {
         queue_.Next(&tag, &ok);
         const Call& call = *static_cast<Call*>(tag);
         if (!ok || !call.status.ok() || call.reply.out() != checksum_) {
-            throw CallFailed("gRPC: " + call.status.error_message());
+            throw std::runtime_error("gRPC: " + call.status.error_message());
         }
         return static_cast<unsigned>(&call - calls_.data());
     }
@@ -92,8 +76,9 @@ class GrpcCaller final : public Caller {
         grpc::Status status;
     };
 
-    const std::shared_ptr<grpc::Channel> channel_;
-    const std::unique_ptr<rpc::Calls::Stub> stub_;
+    const std::shared_ptr<grpc::Channel> channel_ =
+        grpc::CreateChannel(kGrpcPath, grpc::InsecureChannelCredentials());
+    const std::unique_ptr<rpc::Calls::Stub> stub_ = rpc::Calls::NewStub(channel_);
     grpc::CompletionQueue queue_;
     rpc::Request request_;
     std::int64_t checksum_ = 0;
@@ -102,12 +87,8 @@ class GrpcCaller final : public Caller {
 
 }  // namespace
 
-bool has_grpc() {
-    return true;
-}
-
-std::unique_ptr<Caller> make_grpc_caller(const std::string& path) {
-    return std::make_unique<GrpcCaller>(path);
+std::unique_ptr<Caller> make_grpc_caller(int) {
+    return std::make_unique<GrpcCaller>();
 }
 
 }  // namespace bench

@@ -1,5 +1,5 @@
+#include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -14,16 +14,17 @@ namespace {
 
 constexpr std::string_view kTransactionKey = "\"transac_id\":";
 constexpr std::size_t kTransactionDigits = 9;
+constexpr int kBufferBytes = 1024 * 1024;
 
 // The Manager.
 class PacketCaller final : public Caller {
   public:
-    PacketCaller(int fd, Introduction introduction, Answer answer)
-        : fd_(fd), checks_(answer == Answer::kChecksum) {
-        if (introduction == Introduction::kFull) introduce();
+    PacketCaller(manager::FileDescriptor connection, PacketService service)
+        : fd_(std::move(connection)), checks_(service != PacketService::kStepOfFloor) {
+        ::fcntl(fd_.get(), F_SETFL, 0);  // blocks
+        ::setsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUF, &kBufferBytes, sizeof kBufferBytes);
+        if (service == PacketService::kLibrary) introduce();
     }
-
-    ~PacketCaller() override { ::close(fd_); }
 
     void use(const Message& message) override {
         text_ = exec_task_text(message, kFirstTransaction);
@@ -38,12 +39,10 @@ class PacketCaller final : public Caller {
     }
 
     unsigned finish() override {
-        const std::string_view reply = receive();
+        const std::string_view reply = receive(checks_ ? std::string_view(answer_) : "");
         const std::size_t key = reply.rfind(kTransactionKey);
-        if (key == std::string_view::npos ||
-            (checks_ && reply.find(answer_) == std::string_view::npos)) {
-            throw CallFailed("unexpected reply: " + std::string(reply));
-        }
+        if (key == std::string_view::npos)
+            throw std::runtime_error("no reply: " + std::string(reply));
         const auto id = std::strtoul(reply.data() + key + kTransactionKey.size(), nullptr, 10);
         return static_cast<unsigned>(id - kFirstTransaction);
     }
@@ -51,42 +50,36 @@ class PacketCaller final : public Caller {
   private:
     // Registers the service, then opens a session for it.
     void introduce() {
-        answer("\"INIT\"", R"({"req_type":"INIT","service_id":1})");
-        answer("\"AUTH\"", R"({"req_type":"AUTH","opcode":"26","result":0})");
-        answer("\"REDY\"", R"({"req_type":"REDY","opcode":"26","result":0})");
+        receive("\"INIT\"");
+        send(R"({"req_type":"INIT","service_id":1})");
+        receive("\"AUTH\"");
+        send(R"({"req_type":"AUTH","opcode":"26","result":0})");
+        receive("\"REDY\"");
+        send(R"({"req_type":"REDY","opcode":"26","result":0})");
         const std::string session = R"(,"session_id":5,"transac_id":1,)"
                                     R"("opcodes":[{"id":"1a","subsystems":[{"id":1}]}]})";
         send(R"({"req_type":"start_session")" + session);
-        expect("Success");
+        receive("Success");
         send(R"({"req_type":"ready_session")" + session);
     }
 
-    void answer(const char* request, const char* text) {
-        expect(request);
-        send(text);
-    }
-
-    void expect(const char* text) {
-        const std::string_view packet = receive();
-        if (packet.find(text) == std::string_view::npos) {
-            throw CallFailed("unexpected packet: " + std::string(packet));
-        }
-    }
-
     void send(const std::string& text) {
-        if (::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) < 0) {
-            throw CallFailed(std::string("cannot send: ") + std::strerror(errno));
+        if (::send(fd_.get(), text.data(), text.size(), MSG_NOSIGNAL) < 0) {
+            throw std::runtime_error(std::string("cannot send: ") + std::strerror(errno));
         }
     }
 
-    std::string_view receive() {
-        const ssize_t size = ::recv(fd_, buffer_.data(), buffer_.size() - 1, 0);
-        if (size <= 0) throw CallFailed("the service is gone");
+    // Receives a packet, which has to hold the text.
+    std::string_view receive(std::string_view text) {
+        const ssize_t size = ::recv(fd_.get(), buffer_.data(), buffer_.size() - 1, 0);
+        if (size <= 0) throw std::runtime_error("the service is gone");
         buffer_[static_cast<std::size_t>(size)] = '\0';
-        return {buffer_.data(), static_cast<std::size_t>(size)};
+        const std::string_view packet(buffer_.data(), static_cast<std::size_t>(size));
+        if (packet.find(text) != std::string_view::npos) return packet;
+        throw std::runtime_error("unexpected packet: " + std::string(packet));
     }
 
-    const int fd_;
+    const manager::FileDescriptor fd_;
     const bool checks_;
     std::string text_;
     std::size_t digits_ = 0;
@@ -96,9 +89,9 @@ class PacketCaller final : public Caller {
 
 }  // namespace
 
-std::unique_ptr<Caller> make_packet_caller(const Listener& listener, Introduction introduction,
-                                           Answer answer) {
-    return std::make_unique<PacketCaller>(listener.accept(), introduction, answer);
+std::unique_ptr<Caller> make_packet_caller(manager::FileDescriptor connection,
+                                           PacketService service) {
+    return std::make_unique<PacketCaller>(std::move(connection), service);
 }
 
 }  // namespace bench

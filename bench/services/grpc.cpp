@@ -2,40 +2,29 @@
 
 #include <grpcpp/grpcpp.h>
 
-#include <string>
+#include <cstdio>
 
 #include "call.grpc.pb.h"
-#include "services/until_told.h"
+#include "message.h"
 
 namespace {
 
 template <class Arguments>
-std::int64_t sum_of(const Arguments& arguments);
-
-std::int64_t sum_of_value(const bench::rpc::Argument& argument) {
-    switch (argument.value_case()) {
-        case bench::rpc::Argument::kNumber:
-            return argument.number();
-        case bench::rpc::Argument::kReal:
-            return static_cast<std::int64_t>(argument.real());
-        case bench::rpc::Argument::kText:
-            return static_cast<std::int64_t>(argument.text().size());
-        case bench::rpc::Argument::kMembers:
-            return sum_of(argument.members().arguments());
-        case bench::rpc::Argument::kNumbers: {
-            std::int64_t sum = 0;
-            for (const int value : argument.numbers().values()) sum += value;
-            return sum;
-        }
-        default:
-            return 0;
-    }
-}
-
-template <class Arguments>
 std::int64_t sum_of(const Arguments& arguments) {
     std::int64_t sum = 0;
-    for (const bench::rpc::Argument& argument : arguments) sum += sum_of_value(argument);
+    for (const bench::rpc::Argument& argument : arguments) {
+        if (argument.has_number()) {
+            sum += argument.number();
+        } else if (argument.has_real()) {
+            sum += static_cast<std::int64_t>(argument.real());
+        } else if (argument.has_text()) {
+            sum += static_cast<std::int64_t>(argument.text().size());
+        } else if (argument.has_members()) {
+            sum += sum_of(argument.members().arguments());
+        } else {
+            for (const int value : argument.numbers().values()) sum += value;
+        }
+    }
     return sum;
 }
 
@@ -49,15 +38,14 @@ class Service final : public bench::rpc::Calls::Service {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (argc != 2) return 2;
+int main() {
     Service service;
     grpc::ServerBuilder builder;
-    builder.AddListeningPort("unix:" + std::string(argv[1]), grpc::InsecureServerCredentials());
+    builder.AddListeningPort(bench::kGrpcPath, grpc::InsecureServerCredentials());
     builder.RegisterService(&service);
     const auto server = builder.BuildAndStart();
     if (server == nullptr) return 1;
-    bench::wait_until_told();
+    std::getchar();  // until the driver is gone
     server->Shutdown();
     return 0;
 }

@@ -1,16 +1,18 @@
 // The same service on sd-bus, peer to peer, in the way that is usual there: one thread, arguments
 // read in place.
+//
+// Usage: bench-service-sd-bus, with a socket of bytes as standard input
 
-#include <sys/socket.h>
 #include <systemd/sd-bus.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <numeric>
 #include <stdexcept>
 #include <thread>
 
 #include "message.h"
-#include "services/until_told.h"
 
 namespace {
 
@@ -28,39 +30,25 @@ T read_basic(sd_bus_message* message, char type) {
 
 std::int64_t sum_of(sd_bus_message* message);
 
-std::int64_t sum_of_container(sd_bus_message* message, char type, const char* contents) {
+std::int64_t sum_of_value(sd_bus_message* message, char type, const char* contents) {
+    if (type == SD_BUS_TYPE_INT32) return read_basic<std::int32_t>(message, type);
+    if (type == SD_BUS_TYPE_DOUBLE) {
+        return static_cast<std::int64_t>(read_basic<double>(message, type));
+    }
+    if (type == SD_BUS_TYPE_STRING) {
+        return static_cast<std::int64_t>(std::strlen(read_basic<const char*>(message, type)));
+    }
+    if (type == SD_BUS_TYPE_ARRAY && std::strcmp(contents, "i") == 0) {
+        const void* elements = nullptr;
+        std::size_t size = 0;
+        check(sd_bus_message_read_array(message, 'i', &elements, &size));
+        const auto* const numbers = static_cast<const std::int32_t*>(elements);
+        return std::accumulate(numbers, numbers + size / sizeof *numbers, std::int64_t{0});
+    }
     check(sd_bus_message_enter_container(message, type, contents));
     const std::int64_t sum = sum_of(message);
     check(sd_bus_message_exit_container(message));
     return sum;
-}
-
-std::int64_t sum_of_array(sd_bus_message* message, const char* contents) {
-    if (std::strcmp(contents, "i") != 0) {
-        return sum_of_container(message, SD_BUS_TYPE_ARRAY, contents);
-    }
-    const void* elements = nullptr;
-    std::size_t size = 0;
-    check(sd_bus_message_read_array(message, 'i', &elements, &size));
-    const auto* const numbers = static_cast<const std::int32_t*>(elements);
-    std::int64_t sum = 0;
-    for (std::size_t i = 0; i < size / sizeof(std::int32_t); ++i) sum += numbers[i];
-    return sum;
-}
-
-std::int64_t sum_of_value(sd_bus_message* message, char type, const char* contents) {
-    switch (type) {
-        case SD_BUS_TYPE_INT32:
-            return read_basic<std::int32_t>(message, type);
-        case SD_BUS_TYPE_DOUBLE:
-            return static_cast<std::int64_t>(read_basic<double>(message, type));
-        case SD_BUS_TYPE_STRING:
-            return static_cast<std::int64_t>(std::strlen(read_basic<const char*>(message, type)));
-        case SD_BUS_TYPE_ARRAY:
-            return sum_of_array(message, contents);
-        default:
-            return sum_of_container(message, type, contents);
-    }
 }
 
 std::int64_t sum_of(sd_bus_message* message) {
@@ -77,8 +65,9 @@ int on_call(sd_bus_message* message, void*, sd_bus_error*) {
     return sd_bus_reply_method_return(message, "x", sum_of(message));
 }
 
-void serve(int fd) {
+void serve() {
     sd_bus* bus = nullptr;
+    const int fd = ::dup(STDIN_FILENO);
     check(sd_bus_new(&bus));
     check(sd_bus_set_fd(bus, fd, fd));
     check(sd_bus_add_object(bus, nullptr, bench::kObjectPath, on_call, nullptr));
@@ -92,9 +81,7 @@ void serve(int fd) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (argc != 2) return 2;
-    std::thread(serve, bench::connect_to(argv[1], SOCK_STREAM)).detach();
-    bench::wait_until_told();
+int main() {
+    std::thread(serve).join();
     return 0;
 }
