@@ -5,8 +5,7 @@
 #include <vector>
 
 #include "client/api_definition.h"
-#include "fuzz/library_setup.h"
-#include "fuzz/require.h"
+#include "fuzz/oracle.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quiet_log();

@@ -3,7 +3,7 @@
 #include <memory>
 #include <vector>
 
-#include "fuzz/require.h"
+#include "fuzz/oracle.h"
 
 namespace {
 

@@ -8,8 +8,7 @@
 #include "client/params/queues.h"
 #include "fuzz/argument_reader.h"
 #include "fuzz/json_mutator.h"
-#include "fuzz/json_text.h"
-#include "fuzz/library_setup.h"
+#include "fuzz/oracle.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     quiet_log();

@@ -8,7 +8,10 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <string>
 
+#include "fuzz/oracle.h"
+#include "manager/json.h"
 #include "tests/interposing.h"
 
 extern "C" [[gnu::weak]] decltype(pthread_create) __interceptor_pthread_create;
@@ -20,7 +23,6 @@ struct Edge {
     std::condition_variable changed;
     int threads = 0;
     std::uint64_t asked = 0;  // by the receive thread, on the connection of now
-    PacketSink sink = nullptr;
 };
 
 // Never destroyed: a thread of the client may end while the process exits.
@@ -30,6 +32,7 @@ Edge& edge() {
 }
 
 thread_local bool tIsClients = false;
+thread_local bool tIntroduces = false;
 
 template <class Change>
 void change_edge(Change change) {
@@ -70,20 +73,13 @@ int create_detached_thread(pthread_t* thread, void* (*function)(void*), void* ar
 
 }  // namespace
 
-void set_packet_sink(PacketSink sink) {
-    edge().sink = sink;
-}
-
-ClientThreadsScope::ClientThreadsScope() {
-    tIsClients = true;
-}
-
-ClientThreadsScope::~ClientThreadsScope() {
-    tIsClients = false;
-}
-
-void expect_new_connection() {
+IntroductionScope::IntroductionScope() {
+    tIsClients = tIntroduces = true;
     change_edge([](Edge& state) { state.asked = 0; });
+}
+
+IntroductionScope::~IntroductionScope() {
+    tIsClients = tIntroduces = false;
 }
 
 bool await_rest(std::uint64_t given) {
@@ -127,15 +123,16 @@ EXPORTED ssize_t recvfrom(int fd, void* data, std::size_t size, int flags, socka
     return ::recv(fd, data, size, flags);
 }
 
-// Packets go to the sink instead of the socket, which nobody would have to read then.
-EXPORTED ssize_t sendto(int fd, const void* data, std::size_t size, int, const sockaddr*,
+// What threads of the client send is looked at, but not sent, as nobody would have to read it then.
+EXPORTED ssize_t sendto(int fd, const void* data, std::size_t size, int flags, const sockaddr*,
                         socklen_t) {
     if (fd < 0) {
         errno = EBADF;
         return -1;
     }
-    edge().sink({static_cast<const char*>(data), size});
-    return static_cast<ssize_t>(size);
+    const std::string packet(static_cast<const char*>(data), size);
+    require(packet == "EXIT" || manager::parse_json(packet), "the client sends JSON");
+    return tIntroduces ? ::send(fd, data, size, flags) : static_cast<ssize_t>(size);
 }
 
 EXPORTED int usleep(useconds_t) {

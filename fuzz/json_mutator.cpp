@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "fuzz/json_text.h"
+#include "fuzz/oracle.h"
 #include "manager/json.h"
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t max_size);
@@ -23,58 +23,21 @@ auto& any_of(Items& items, Random& random) {
     return items[below(std::size(items), random)];
 }
 
-// Values at and beyond the bounds of the types and of each kind of JSON.
-constexpr const char* kValues[] = {"null",
-                                   "true",
-                                   "0",
-                                   "1",
-                                   "5",
-                                   "6",
-                                   "-1",
-                                   "127",
-                                   "128",
-                                   "-129",
-                                   "255",
-                                   "256",
-                                   "26",
-                                   "27",
-                                   "28",
-                                   "65535",
-                                   "65536",
-                                   "1313",
-                                   "2147483647",
-                                   "2147483648",
-                                   "-2147483648",
-                                   "-2147483649",
-                                   "4294967295",
-                                   "4294967296",
-                                   "9223372036854775808",
-                                   "18446744073709551615",
-                                   "18446744073709551616",
-                                   "0.5",
-                                   "-1e300",
-                                   "7.0",
-                                   R"("")",
-                                   R"("1a")",
-                                   R"("0x1b")",
-                                   R"("26")",
-                                   R"("28")",
-                                   R"("-1")",
-                                   R"("99999999999999999999")",
-                                   R"("a\u0000b")",
-                                   R"("%s%n")",
-                                   R"("throw")",
-                                   R"("null")",
-                                   R"("vector")",
-                                   R"("struct")",
-                                   R"("cb")",
-                                   R"("none")",
-                                   R"("float")",
-                                   "[]",
-                                   "{}",
-                                   "[1]",
-                                   R"(["1"])",
-                                   R"({"id":1})"};
+Json::Value parsed(const char* text) {
+    return parse_json(text).value_or(Json::Value());
+}
+
+const Json::Value& any_element(const Json::Value& array, Random& random) {
+    return array[static_cast<Json::ArrayIndex>(below(array.size(), random))];
+}
+
+// Values at and beyond the bounds of the types and of each kind of JSON. Never destroyed.
+const Json::Value& kValues = *new Json::Value(parsed(R"([
+    null, true, 0, 1, 5, 6, -1, 127, 128, -129, 255, 256, 26, 27, 28, 65535, 65536, 1313,
+    2147483647, 2147483648, -2147483648, -2147483649, 4294967295, 4294967296,
+    9223372036854775808, 18446744073709551615, 18446744073709551616, 0.5, -1e300, 7.0, "",
+    "1a", "0x1b", "26", "28", "-1", "99999999999999999999", "a\u0000b", "%s%n", "throw",
+    "null", "vector", "struct", "cb", "none", "float", [], {}, [1], ["1"], {"id":1}])"));
 
 struct Scalar {
     const char* type;
@@ -95,10 +58,6 @@ constexpr Scalar kScalars[] = {
     {"enum", "3"},
     {"bnry_blb", R"("AAEC/w==")"},
 };
-
-Json::Value parsed(const char* text) {
-    return parse_json(text).value_or(Json::Value());
-}
 
 Json::Value make_argument(unsigned depth, Random& random);
 
@@ -169,7 +128,7 @@ void change_one(Json::Value* message, Random& random) {
     Json::Value& value = *any_of(values, random);
     switch (below(5, random)) {
         case 0:
-            value = parsed(any_of(kValues, random));
+            value = Json::Value(any_element(kValues, random));
             return;
         case 1:
             value = Json::Value(*any_of(values, random));
@@ -179,8 +138,7 @@ void change_one(Json::Value* message, Random& random) {
             return;
         case 3:
             if (value.isArray() && !value.empty()) {
-                value.append(
-                    Json::Value(value[static_cast<Json::ArrayIndex>(below(value.size(), random))]));
+                value.append(Json::Value(any_element(value, random)));
                 return;
             }
             [[fallthrough]];

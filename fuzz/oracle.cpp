@@ -1,11 +1,19 @@
-#include "fuzz/library_setup.h"
+#include "fuzz/oracle.h"
 
 #include <android/log.h>
+
+#include <cstdio>
+#include <cstdlib>
 
 #include "client/IVexaClient.h"
 #include "client/logging.h"
 #include "client/utility/IVexaClient_utility.h"
-#include "fuzz/require.h"
+
+void require(bool holds, const char* what) {
+    if (holds) return;
+    std::fprintf(stderr, "Does not hold: %s\n", what);
+    std::abort();
+}
 
 void quiet_log() {
     gDebugLevel = kProgress;
@@ -23,4 +31,11 @@ void restore_data_types() {
                 "a name that is not known has no type, the others keep theirs");
     }
     gDataTypes = known;
+}
+
+std::optional<Json::Value> parse_json(const std::string& text) {
+    Json::Value value;
+    const char* const begin = text.data();
+    if (!JsonReader().parse(begin, begin + text.size(), &value, nullptr)) return std::nullopt;
+    return value;
 }
