@@ -67,7 +67,7 @@ void call_with_id(std::mt19937& random) {
     static std::atomic<std::uint32_t> opcode{0x1000};
     Life& life = any_life(random);
     const bool was_over = life.over;
-    const bool leaves = random() % 6 == 0;
+    const bool leaves = random() % 4 == 0;
     const int result =
         leaves ? vexa_svc_deinit(life.id) : offer(life.id, {++opcode, 1}, on_state, &life, on_task);
     if (was_over && result >= 0) complain("an id that is over was accepted", life.id);
@@ -75,21 +75,17 @@ void call_with_id(std::mt19937& random) {
 }
 
 void call_anything(std::mt19937& random) {
-    switch (random() % 6) {
-        case 0:
-            if (const int id = vexa_svc_init(); id >= 0) life_of(static_cast<std::uint32_t>(id));
-            return;
-        case 1:
-            vexa_info_query(1, {name_of(1)});
-            return;
-        case 2:
-            vexa_permission_query(1, {name_of(1)});
-            return;
-        case 3:
-            vexa_send_to_manager_raw(std::string(1 + random() % 60'000, 'x').c_str());
-            return;
-        default:
-            call_with_id(random);
+    const auto what = random() % 16;
+    if (what == 0) {
+        vexa_info_query(1, {name_of(1)});
+    } else if (what == 1) {
+        vexa_permission_query(1, {name_of(1)});
+    } else if (what == 2) {
+        vexa_send_to_manager_raw(std::string(1 + random() % 60'000, 'x').c_str());
+    } else if (what < 8) {
+        if (const int id = vexa_svc_init(); id >= 0) life_of(static_cast<std::uint32_t>(id));
+    } else {
+        call_with_id(random);
     }
 }
 

@@ -103,6 +103,7 @@ struct Shared {
     Counter disturbances;     // odd from before a stop until the service is ready again
     Latest<1 << 16> ran;      // tasks by transaction: runs
     Latest<1 << 16> lost;     // replies that could not be sent
+    Counter rejected_ran;     // tasks named "rejected" that ran
     Latest<1 << 12> notices;  // by number: in 4 bits for each service, how often it was told
     Latest<1 << 12> starts;   // sessions by number: services that were told so
     Latest<1 << 12> readies;

@@ -68,6 +68,7 @@ template <std::size_t service>
 int run_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
     tTransaction = static_cast<std::uint32_t>(call->transac_id);
     ++gShared.ran[tTransaction];
+    if (args.func_name == "rejected") ++gShared.rejected_ran;
     std::this_thread::sleep_for(std::chrono::milliseconds(number_after(args.func_name, kNap)));
     call->opcode = std::to_string(kServices[service].opcode);
     call->name = args.func_name;

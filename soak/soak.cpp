@@ -365,8 +365,9 @@ class Soak {
             show_progress();
             const bool has_ended = shared().order != 'f' && service_->has_ended();
             if (!has_ended && Clock::now() < deadline) continue;
-            if (has_ended) service_check_.fail("before its time: " + service_->complaint());
+            if (has_ended) service_check_.fail("it ended before its time");
             if (!has_ended) progress_.fail(what);
+            if (!service_->complaint().empty()) service_check_.fail(service_->complaint());
             throw InVain();
         }
     }
@@ -473,10 +474,8 @@ class Soak {
     }
 
     void send_rejected(manager::Task task) {
-        const std::uint32_t transaction = new_transaction();
-        rejected_slots_[transaction % kSlots] = true;
         ++rejected_total_;
-        send(manager::exec_task_message(task, transaction));
+        send(manager::exec_task_message(task, new_transaction()));
     }
 
     // Each is to be rejected for one reason alone.
@@ -640,7 +639,6 @@ class Soak {
         check_slot(++last_transaction_);
         shared().ran[last_transaction_] = 0;
         shared().lost[last_transaction_] = 0;
-        rejected_slots_[last_transaction_ % kSlots] = false;
         return last_transaction_;
     }
 
@@ -648,8 +646,6 @@ class Soak {
     void check_slot(std::uint32_t transaction) {
         const std::uint32_t ran = shared().ran[transaction];
         const std::uint32_t lost = shared().lost[transaction];
-        const bool was_rejected = rejected_slots_[transaction % kSlots];
-        if (was_rejected && ran + lost > 0) rejected_.fail("a task to be rejected ran");
         if (ran > 1 || lost > 1) once_.fail(fmt::format("{} runs, {} replies lost", ran, lost));
     }
 
@@ -663,9 +659,7 @@ class Soak {
         const auto found = tasks_.find(static_cast<std::uint32_t>(number));
         if (found == tasks_.end()) {
             const bool is_known = number != 0 && number <= last_transaction_;
-            Check& check = !is_known                          ? stray_
-                           : rejected_slots_[number % kSlots] ? rejected_
-                                                              : once_;
+            Check& check = !is_known ? stray_ : has(packet, "\"rejected\"") ? rejected_ : once_;
             return check.fail(fmt::format("another reply of transaction {}", number));
         }
         const Task& task = found->second;
@@ -781,6 +775,7 @@ class Soak {
         const auto note = [](Check& check, std::uint32_t wrong, const char* what) {
             for (; wrong > 0; --wrong) check.fail(what);
         };
+        note(rejected_, shared().rejected_ran, "one ran");
         note(sessions_check_, shared().wrong_sessions, "told out of order, or left in the table");
         note(notices_check_, shared().wrong_notices, "wrong contents");
         note(queries_check_, shared().wrong_queries, "a wrong answer, or none without a stop");
@@ -808,21 +803,25 @@ class Soak {
         Process service(std::to_string(seed_));
         service_ = &service;
         SimulatedManager manager(manager::kDefaultPath);
-        std::map<int, std::uint64_t> given;  // ids by connection; used by the observer only
+        // Used by the observer only: the ids given, by connection, and the latest one. A connection
+        // that the library has opened again by itself has none, and may carry the latest.
+        std::map<int, std::uint64_t> given;
+        std::uint64_t latest = 0;
         std::atomic<std::uint32_t> opcode{0x1000};
         manager.set_observer([&](const manager::Packet& packet) {
-            if (has(packet, R"("INIT","service_id":)")) {
-                given[packet.client] = number_after(packet.text, R"("service_id":)");
+            if (packet.direction == manager::Direction::ToClient) {
+                if (!has(packet, R"("INIT")") || has(packet, ":-1")) return;
+                latest = given[packet.client] = number_after(packet.text, R"("service_id":)");
+            } else if (has(packet, R"("Service_Id":)")) {
+                const std::uint64_t id = number_after(packet.text, R"("Service_Id":)");
+                const std::uint64_t own = given[packet.client];
+                if (id != (own == 0 ? latest : own)) {
+                    const std::lock_guard lock(mutex_);
+                    chance_.fail(fmt::format("{} to the connection of {}", packet.text, own));
+                }
+                if (has(packet, R"("DINT")")) latest = 0;
+                if (has(packet, R"("AUTH")")) opcode = opcode_in(packet.text);
             }
-            if (packet.direction == manager::Direction::ToClient || !has(packet, "Service_Id"))
-                return;
-            const std::uint64_t id = number_after(packet.text, R"("Service_Id":)");
-            if (has(packet, R"("AUTH")"))
-                opcode = static_cast<std::uint32_t>(number_after(packet.text, R"("Opcode":)"));
-            if (given[packet.client] == id) return;
-            const std::lock_guard lock(mutex_);
-            chance_.fail(fmt::format("{} to a connection of service id {}", packet.text,
-                                     given[packet.client]));
         });
         std::int64_t last_service = 0;  // an id is given once only
         manager.start(last_service);
@@ -856,6 +855,10 @@ class Soak {
         if (!service.complaint().empty()) chance_.fail(service.complaint());
         calls_ = shared().calls;
         lives_ = shared().lives;
+    }
+
+    static std::uint32_t opcode_in(const std::string& text) {
+        return static_cast<std::uint32_t>(number_after(text, R"("Opcode":)"));
     }
 
     static void talk_at_random(SimulatedManager& manager, std::uint32_t session,
@@ -965,7 +968,6 @@ class Soak {
 
     Tasks tasks_;
     std::uint32_t last_transaction_ = 0;
-    std::vector<bool> rejected_slots_ = std::vector<bool>(kSlots);
     std::vector<Session> sessions_, left_sessions_;
     std::uint32_t last_session_ = 0;
     std::map<std::uint64_t, bool> notices_open_;  // whether it was delivered
