@@ -3,7 +3,7 @@
 #include <memory>
 #include <vector>
 
-#include "fuzz/oracle.h"
+#include "fuzz/require.h"
 
 namespace {
 

@@ -9,12 +9,6 @@
 #include "client/logging.h"
 #include "client/utility/IVexaClient_utility.h"
 
-void require(bool holds, const char* what) {
-    if (holds) return;
-    std::fprintf(stderr, "Does not hold: %s\n", what);
-    std::abort();
-}
-
 void quiet_log() {
     gDebugLevel = kProgress;
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);

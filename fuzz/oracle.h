@@ -1,4 +1,4 @@
-// What all fuzzers share. Used by one thread, but for require().
+// What all fuzzers share. Used by one thread.
 
 #pragma once
 
@@ -6,9 +6,7 @@
 #include <string>
 
 #include "client/json_access.h"
-
-// Ends the run with a finding unless `holds`. `what` says what ought to hold.
-void require(bool holds, const char* what);
+#include "fuzz/require.h"
 
 // Has all lines of the log formatted, as that may go wrong too, but written nowhere.
 void quiet_log();
