@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "client/api_definition.h"
+#include "client/services/api_definition.h"
 #include "fuzz/oracle.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -6,8 +6,8 @@
 #include <cstdlib>
 
 #include "client/IVexaClient.h"
-#include "client/logging.h"
 #include "client/utility/IVexaClient_utility.h"
+#include "client/utility/logging.h"
 
 void quiet_log() {
     gDebugLevel = kProgress;

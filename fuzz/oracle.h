@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "client/json_access.h"
+#include "client/utility/json_access.h"
 #include "fuzz/require.h"
 
 // Has all lines of the log formatted, as that may go wrong too, but written nowhere.

@@ -7,7 +7,7 @@
 #include <tuple>
 
 #include "client/IVexaClient.h"
-#include "client/query.h"
+#include "client/queries/query.h"
 #include "service_test.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <memory>
 #include <new>
 
-#include "client/life.h"
+#include "client/link/life.h"
 
 #include "captured_log.h"
 #include "interposing.h"

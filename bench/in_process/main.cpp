@@ -11,8 +11,8 @@
 #include <string>
 
 #include "client/IVexaClient.h"
-#include "client/dispatch.h"
-#include "client/json_access.h"
+#include "client/receiving/dispatch.h"
+#include "client/utility/json_access.h"
 #include "in_process/arguments.h"
 #include "message.h"
 #include "task.h"

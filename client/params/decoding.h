@@ -5,8 +5,8 @@
 #include <string>
 
 #include "client/IVexaClient.h"
-#include "client/json_access.h"
-#include "client/logging.h"
+#include "client/utility/json_access.h"
+#include "client/utility/logging.h"
 
 // Returns the type of the name. A name that is not known yields VEXON_TYPE_NONE and is remembered.
 inline vexon_data_type_t data_type_of(const std::string& name) {

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/logging.h"
+#include "client/utility/logging.h"
 
 const ScalarMessages kArgumentMessages = {
     "Arg type %s and type of value do not match while parsing",

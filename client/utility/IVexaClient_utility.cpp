@@ -2,7 +2,8 @@
 
 #include <stdexcept>
 
-#include "client/logging.h"
+#include "client/IVexaClient.h"
+#include "client/utility/logging.h"
 
 std::map<std::string, vexon_data_type_t> known_data_types() {
     return {
@@ -17,6 +18,9 @@ std::map<std::string, vexon_data_type_t> known_data_types() {
         {"struct", VEXON_TYPE_STRUCT},
     };
 }
+
+std::map<std::string, vexon_data_type_t>& gDataTypes =
+    *new std::map<std::string, vexon_data_type_t>(known_data_types());
 
 namespace {
 

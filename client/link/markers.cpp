@@ -1,0 +1,18 @@
+#include <android/log.h>
+
+#include "client/IVexaClient.h"
+#include "client/utility/logging.h"
+
+namespace {
+constexpr const char* kMarkerName = "VEXON_marker";
+}
+
+int vexa_log_marker(const char* text) {
+    if (text == nullptr) return -1;
+    const int logged = log_with_priority(ANDROID_LOG_INFO, "%s : %s : ", kMarkerName, text);
+    if (!gMarkersEnabled) return logged;
+
+    const int sent = vexa_send_to_manager_raw(text);
+    if (sent != 0) log_line(kFailure, "Message was not sent successfully %s", kMarkerName);
+    return sent;
+}

@@ -1,0 +1,8 @@
+#pragma once
+
+#include <json/json.h>
+
+#include "client/link/after_message.h"
+
+// "PERMISSION": the answer to vexa_permission_query().
+AfterMessage on_permission(const Json::Value& message);

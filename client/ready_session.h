@@ -1,7 +1,0 @@
-#pragma once
-
-#include "client/dispatch.h"
-
-// "ready_session": tells the services that `message` names that the session's tasks may come. The
-// Manager gets no answer.
-AfterMessage on_ready_session(const Json::Value& message);

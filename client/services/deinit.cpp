@@ -1,0 +1,91 @@
+#include <cinttypes>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+#include "client/IVexaClient.h"
+#include "client/link/connection.h"
+#include "client/link/life.h"
+#include "client/services/change_notices.h"
+#include "client/sessions/sessions.h"
+#include "client/utility/logging.h"
+
+namespace {
+
+// Ends the life, so that nothing that began in it acts any more, and has later calls wait for the
+// end of this one. From here on the receive thread knows that the end of the connection is no loss
+// of the Manager. Returns 0, or the result of a call that may not do so.
+int begin_leaving(std::uint32_t service_id) NO_THREAD_SAFETY_ANALYSIS {
+    std::unique_lock<std::mutex> lock(gClientMutex);
+    if (gService_id == -1) return -3;
+    if (static_cast<std::uint32_t>(gService_id) != service_id) return -2;
+    if (refused_in_notice("vexa_svc_deinit")) return -1;
+    if (superseded()) return -3;  // it is another life's process by now
+    if (gLeaving) {
+        const Life next = gLife;
+        gLeft.wait(lock, [next]() NO_THREAD_SAFETY_ANALYSIS { return !gLeaving || is_over(next); });
+        return -3;
+    }
+    gLeaving = true;
+    ++gLife;
+    return 0;
+}
+
+// Returns whether there was a receive thread that still read.
+bool dismiss_receiver() EXCLUDES(gInitMutex) {
+    std::lock_guard<std::mutex> lock(gInitMutex);
+    init_cv.notify_all();
+    return gReceiving.exchange(false);
+}
+
+void take_leave(std::uint32_t service_id) {
+    char request[64];
+    std::snprintf(request, sizeof request, "{\"req_type\":\"DINT\",\"Service_Id\":%" PRId32 "}",
+                  static_cast<std::int32_t>(service_id));
+    if (send_farewell(request) < 0) {
+        log_line(kFailure, "Failed to receive VEXON deinit ack; proceeding anyways");
+    }
+    disconnect_from_manager();
+    gInitDone = false;
+}
+
+// No callback of a session is called in a life that has ended once the lock has been free.
+void await_session_callback() EXCLUDES(gSessionsMutex) {
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
+}
+
+void drop_registrations() EXCLUDES(gAuthMutex) {
+    std::lock_guard<std::mutex> lock(gAuthMutex);
+    gAuth.clear();
+}
+
+void forget_ready_services() EXCLUDES(gReadyMutex) {
+    std::lock_guard<std::mutex> lock(gReadyMutex);
+    gReady.clear();
+}
+
+void forget_service_id(std::uint32_t service_id) EXCLUDES(gClientMutex) {
+    std::lock_guard<std::mutex> lock(gClientMutex);
+    gService_id = -1;
+    log_line(kAlways, "gService_id is %d, svc_id is %d", gService_id,
+             static_cast<std::int32_t>(service_id));
+    gLeaving = false;
+    gLeft.notify_all();
+}
+
+}  // namespace
+
+int vexa_svc_deinit(std::uint32_t service_id) {
+    if (const int refusal = begin_leaving(service_id); refusal != 0) return refusal;
+    const SessionsUnlocked unlocked;
+    const bool was_receiving = dismiss_receiver();
+    wake_waits();
+    if (gInitDone || gIsOneService || was_receiving) take_leave(service_id);
+    close_connection();  // a link that is down may have been opened again
+    await_session_callback();
+    drop_registrations();
+    supported_services_clear();
+    forget_ready_services();
+    forget_service_id(service_id);
+    return 0;
+}

@@ -1,0 +1,6 @@
+#pragma once
+
+#include "client/link/life.h"
+
+// As supported_services_add(), but returns false and adds nothing if `life` is over.
+bool add_supported_service(ServiceKey service, Life life) EXCLUDES(gServicesMutex);

@@ -1,0 +1,9 @@
+#pragma once
+
+#include <json/json.h>
+
+#include "client/link/after_message.h"
+
+// "ready_session": tells the services that `message` names that the session's tasks may come. The
+// Manager gets no answer.
+AfterMessage on_ready_session(const Json::Value& message);

@@ -1,6 +1,0 @@
-#pragma once
-
-#include "client/life.h"
-
-// As supported_services_add(), but returns false and adds nothing if `life` is over.
-bool add_supported_service(ServiceKey service, Life life) EXCLUDES(gServicesMutex);

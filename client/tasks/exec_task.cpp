@@ -1,0 +1,147 @@
+#include "client/tasks/exec_task.h"
+
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "client/link/life.h"
+#include "client/link/send.h"
+#include "client/params/add_params.h"
+#include "client/params/queues.h"
+#include "client/sessions/sessions.h"
+#include "client/tasks/call_record.h"
+#include "client/tasks/task_response.h"
+#include "client/utility/VexonTimer.h"
+#include "client/utility/json_access.h"
+#include "client/utility/logging.h"
+#include "client/utility/threads.h"
+
+namespace {
+
+constexpr std::size_t kLoggedName = 100;
+
+std::uint32_t hexadecimal_opcode(const Json::Value& message, const char* missing) {
+    const std::string text = text_member(message, "opcode", missing);
+    return static_cast<std::uint32_t>(std::strtoul(text.c_str(), nullptr, 16));
+}
+
+// Returns whether the session may run tasks of the service; if not, a log line says why.
+bool session_is_ready(std::uint32_t session_id, ServiceKey service) {
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
+    const auto session = gSessions.find(session_id);
+    if (session == gSessions.end()) {
+        log_line(kFailure, "Invalid session_id was passed to execute function %d",
+                 static_cast<int>(session_id));
+        return false;
+    }
+    const auto entry = session->second.find(service);
+    if (entry == session->second.end()) {
+        log_line(kFailure, "No Session %u with 0x%08x::%u", session_id, service.first,
+                 service.second);
+        return false;
+    }
+    if (entry->second != VEXA_SESSION_READY) {
+        log_line(kFailure, "Session %u with 0x%08x::%u not ready", session_id, service.first,
+                 service.second);
+        return false;
+    }
+    return true;
+}
+
+// The part of the arguments that has to be released; without the name, so that it costs no memory.
+vexon_func_call_info_t queues_of(const vexon_func_call_info_t& args) {
+    return {{}, 0, args.value_queue, args.type_queue};
+}
+
+// A service's mistake is answered like any failed task instead of ending the process.
+void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
+    char name[kLoggedName + 1];  // the arguments are the task's from here on
+    name[args.func_name.copy(name, kLoggedName)] = '\0';
+    try {
+        task(call, std::move(args));
+    } catch (const std::exception& error) {
+        log_line(kFailure, "Failed to run function %s (%s)", name, error.what());
+        call->func = "-1";
+    }
+}
+
+// The Manager of a later life has not asked: it may even have given the same numbers to a task of
+// its own.
+void send_reply(const _vexon_call_info_t& call, Life life) {
+    try {
+        send_in_life(response_text(call, "").c_str(), life);
+    } catch (const std::bad_alloc&) {
+        log_line(kFailure, "Out of memory");
+    }
+}
+
+// Body of a task's thread.
+void run_and_reply(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args,
+                   Life life) {
+    const vexon_func_call_info_t queues = queues_of(args);
+    run_task(call.get(), task, std::move(args));
+    ClearParamsFromQueues(queues);
+    send_reply(*call, life);
+}
+
+// Starts the worker, which from then on owns the call and its arguments.
+void start_worker(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
+    const vexon_func_call_info_t queues = queues_of(args);
+    try {
+        start_thread([call = std::move(call), task, args = std::move(args),
+                      life = life_of_thread()]() mutable {
+            run_and_reply(std::move(call), task, std::move(args), life);
+        });
+    } catch (...) {
+        ClearParamsFromQueues(queues);
+        throw;
+    }
+}
+
+}  // namespace
+
+int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task) {
+    const ServiceKey service{hexadecimal_opcode(request, "0x0"),
+                             uint_member(request, "subsys_id", 0)};
+    const std::uint32_t session_id = uint_member(request, "session_id", 0);
+    const std::uint32_t transaction_id = read_transaction_id(request);
+    MillisecondTimer timer('m', session_id, transaction_id);
+    if (!session_is_ready(session_id, service)) return -1;
+
+    CallRecord call = make_call_record();
+    if (call == nullptr) {
+        log_line(kFailure, "Out of memory");
+        return -1;
+    }
+    call->session_id = session_id;
+    call->subsys_id = service.second;
+    call->transac_id = static_cast<std::int32_t>(transaction_id);
+
+    vexon_func_call_info_t args{};
+    if (AddParamsToQueues(request, &args) != 0) {
+        // The one deliberate leak: a rejected call and what was decoded of it are not released.
+        static_cast<void>(call.release());
+        return -1;
+    }
+    start_worker(std::move(call), task, std::move(args));
+    timer.stop("KRV handleExecTask time taken from VEXON mgr to MIRT");
+    return 0;
+}
+
+void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
+                     vexon_func_call_info_t args) {
+    run_and_reply(CallRecord(call), task, std::move(args), life_of_thread());
+}
+
+AfterMessage on_exec_task(const Json::Value& message) {
+    const std::uint32_t opcode = hexadecimal_opcode(message, "0");
+    std::lock_guard<std::mutex> lock(gReadyMutex);
+    if (superseded()) return AfterMessage::kEndThread;
+    const auto service = gReady.find(opcode);
+    if (service == gReady.end() || handle_exec_task(message, service->second.exec_callback) != 0) {
+        log_line(kFailure, "Failed to handle execute task event");
+    }
+    return AfterMessage::kClearBuffer;
+}
