@@ -181,6 +181,7 @@ TEST_F(ServiceTest, CallersThatWaitReturnWhenTheConnectionEnds) {
             EXPECT_EQ(std::future_status::ready, caller.wait_for(kSoon));
             EXPECT_EQ(has_id ? 0 : -3, vexa_svc_deinit(id()));
             EXPECT_EQ(-1, caller.get());
+            EXPECT_TRUE(!has_id || &end == &ends[0] || expect("DINT")) << "it is still connected";
             manager_.set_silent(step, false);
         }
     }

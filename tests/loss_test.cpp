@@ -56,7 +56,7 @@ TEST_F(LossTest, TheServicesAreToldInOrderAndTheProcessCanStartAnew) {
     const auto blob = with_header(definition("1c", ""));
     EXPECT_EQ(-1, _vexa_svc_register_auth(id(), 28, blob.data(), "token"));
     ASSERT_EQ(0, vexa_svc_deinit(id()));
-    ASSERT_NO_FATAL_FAILURE(serve_a_task(6));
+    ASSERT_NO_FATAL_FAILURE(serve_a_task(5));
 }
 
 TEST_F(LossTest, CallersThatWaitReturnWhenTheManagerGoes) {

@@ -32,6 +32,8 @@ TEST_F(ServiceTest, ChangesReachAllReadyServicesInOrder) {
          "State change: system_setting_change, session_id: 0, package: null, state: volume:3"},
         {"state without value", R"({"req_type":"state_change","state":"screen"})", "",
          "state: screen:null"},
+        {"state with null in it", R"({"req_type":"state_change","state":"nullable","value":"on"})",
+         "", "state: nullable:on"},
         {"session id of a wrong kind",
          R"({"req_type":"state_change","state":"screen","value":"on","session_id":"7"})", "",
          "Failed to handle message of type 'state_change' ("},
