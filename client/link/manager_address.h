@@ -1,3 +1,6 @@
+// Which of the two sockets is the Manager's, by properties and by the name of the thread. Any
+// thread.
+
 #pragma once
 
 #include <sys/un.h>

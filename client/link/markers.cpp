@@ -1,3 +1,5 @@
+// vexa_log_marker(): texts for whoever reads the log or traces the Manager. Any thread.
+
 #include <android/log.h>
 
 #include "client/IVexaClient.h"

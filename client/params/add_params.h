@@ -1,3 +1,5 @@
+// The arguments of a task: from its "func" object to the two queues. Runs on the receive thread.
+
 #pragma once
 
 #include <json/json.h>

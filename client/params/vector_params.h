@@ -1,3 +1,5 @@
+// Arguments and members that are vectors. Runs on the receive thread.
+
 #pragma once
 
 #include <json/json.h>

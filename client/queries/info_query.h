@@ -1,3 +1,5 @@
+// "INFO_QUERY" and "INFO_MNTR": information that a service asks for, and the answers.
+
 #pragma once
 
 #include <json/json.h>

@@ -1,3 +1,5 @@
+// Taking apart and putting together the texts of information queries. Any thread.
+
 #include <string>
 #include <vector>
 

@@ -1,3 +1,5 @@
+// "PERMISSION": permissions that a service asks for, and the answers.
+
 #pragma once
 
 #include <json/json.h>

@@ -1,3 +1,5 @@
+// vexa_svc_deinit(): ends the life of the connection and forgets what belonged to it.
+
 #include <cinttypes>
 #include <cstdio>
 #include <mutex>

@@ -1,3 +1,5 @@
+// _vexa_svc_ready(): declares a service ready and waits for the Manager's verdict ("REDY").
+
 #include <mutex>
 #include <string>
 

@@ -1,3 +1,5 @@
+// _vexa_svc_register_auth(): registers a service and waits for the Manager's verdict ("AUTH").
+
 #include <mutex>
 #include <string>
 
@@ -29,7 +31,7 @@ std::string auth_request(std::uint32_t service_id, std::uint32_t opcode, const c
 
 bool is_for_opcode(const ApiDefinition& definition, std::uint32_t opcode) {
     if (definition.opcode == opcode) return true;
-    // The "0x" stands before decimals here, as it always has.
+    // Decimals stand behind the "0x": whoever reads the log by program counts on it.
     log_line(kFailure, "Mismatch opcode in registration %s (0x%08u) vs definition (0x%08u)",
              definition.opcode_text.c_str(), opcode, definition.opcode);
     return false;

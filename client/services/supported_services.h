@@ -1,3 +1,5 @@
+// The services for which sessions may be started. Any thread.
+
 #pragma once
 
 #include "client/link/life.h"

@@ -1,3 +1,5 @@
+// "end_session": ends services of a session, or all of it. Runs on the receive thread.
+
 #pragma once
 
 #include <json/json.h>

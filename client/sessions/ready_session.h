@@ -1,3 +1,5 @@
+// "ready_session": from then on tasks of the session may run. Runs on the receive thread.
+
 #pragma once
 
 #include <json/json.h>

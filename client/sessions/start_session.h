@@ -1,3 +1,5 @@
+// "start_session": asks the services whether they take part. Runs on the receive thread.
+
 #pragma once
 
 #include <json/json.h>

@@ -1,3 +1,5 @@
+// The record of a task, from its message to its reply. Belongs to one thread at a time.
+
 #pragma once
 
 #include <memory>

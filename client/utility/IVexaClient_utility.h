@@ -1,3 +1,5 @@
+// Names of the data types; IVexaClient_utility.cpp has the public conversions of texts too.
+
 #pragma once
 
 #include <map>

@@ -1,3 +1,5 @@
+// Measures the time of one step of handling and logs it. Belongs to one thread.
+
 #pragma once
 
 #include <android/log.h>
