@@ -797,7 +797,7 @@ class Soak {
         }
     }
 
-    // ---- Rounds of chance: the Manager does what it likes, and service takes chances as well.
+    // ---- Rounds of chance: the Manager does what it likes, and the service takes chances as well
 
     void take_chances() {
         Process service(std::to_string(seed_));
@@ -832,18 +832,22 @@ class Soak {
             const bool yes = random_() % 2 == 0;
             const auto step = static_cast<manager::Step>(random_() % manager::kStepCount);
             if (what == 0) manager.refuse(step);
-            if (what == 1) manager.set_delay(step, Milliseconds(random_() % 100));
-            if (what == 2) manager.set_drop(step, random_() % 4 == 0);
+            if (what == 1) manager.set_delay(step, Milliseconds(random_() % 50));
+            if (what == 2) manager.set_drop(step, yes);
             if (what == 3) manager.set_twice(step, yes);
-            if (what == 4) manager.set_reading(yes);
-            if (what > 4) manager.accept(step);
+            if (what == 4) manager.set_reading(random_() % 8 != 0);
+            if (what > 4) {
+                manager.accept(step);
+                manager.set_drop(step, false);
+                manager.set_delay(step, 0ms);
+            }
             if (what > 6) talk_at_random(manager, 1 + random_() % 4, opcode);
-            if (is_due(next_closing, Milliseconds(random_() % 400))) {
+            if (is_due(next_closing, Milliseconds(random_() % 200))) {
                 const auto ending = random_() % 2 == 0 ? Ending::Orderly : Ending::Abrupt;
                 ++closings_;
                 if (yes) manager.close_clients(ending);
                 if (!yes) manager.stop(ending);
-                std::this_thread::sleep_for(Milliseconds(random_() % 100));
+                std::this_thread::sleep_for(Milliseconds(random_() % 30));
                 if (!yes) manager.start(last_service += 100'000);
                 manager.set_reading(true);
             }
