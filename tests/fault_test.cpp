@@ -154,39 +154,6 @@ TEST_F(FaultTest, ReceiveErrorsCostAPauseAndAResetEndsTheThread) {
     EXPECT_TRUE(serves(6));
 }
 
-TEST_F(ServiceTest, CallersThatWaitReturnWhenTheConnectionEnds) {
-    const auto blob = with_header(definition("1a", ""));
-    const std::tuple<const char*, manager::Step, std::function<int()>> calls[] = {
-        {"INIT", manager::Step::Init, vexa_svc_init},
-        {"AUTH", manager::Step::Auth,
-         [&] { return _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token"); }},
-        {"REDY", manager::Step::Ready,
-         [&] { return _vexa_svc_ready(id(), kOpcode, nullptr, nullptr, echo_name); }},
-    };
-    const std::function<void()> ends[] = {[&] { manager_.close_clients(); },
-                                          [&] {
-                                              fail(Call::kRecvFrom, ECONNRESET);
-                                              manager_.send_to_all("{}");
-                                          }};
-    for (const auto& end : ends) {
-        for (const auto& [request, step, call] : calls) {
-            SCOPED_TRACE(request);
-            const bool has_id = step != manager::Step::Init;
-            if (has_id) init();
-            manager_.set_silent(step, true);
-            auto caller = std::async(std::launch::async, call);
-            ASSERT_TRUE(expect(request));
-            std::this_thread::sleep_for(50ms);  // until it waits
-            end();
-            EXPECT_EQ(std::future_status::ready, caller.wait_for(kSoon));
-            EXPECT_EQ(has_id ? 0 : -3, vexa_svc_deinit(id()));
-            EXPECT_EQ(-1, caller.get());
-            EXPECT_TRUE(!has_id || &end == &ends[0] || expect("DINT")) << "it is still connected";
-            manager_.set_silent(step, false);
-        }
-    }
-}
-
 TEST_F(FaultTest, OtherProgramsDoNotInheritTheConnection) {
     EXPECT_EQ(FD_CLOEXEC, ::fcntl(gMgrSocket_fd, F_GETFD));
 }

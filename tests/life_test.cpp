@@ -167,35 +167,56 @@ TEST_F(LifeTest, AnAcknowledgementOfTheNextLifeAnswersNoCallOfTheLast) {
     EXPECT_EQ(Calls{}, released.calls());
 }
 
-// The second call of an opcode has no entry in which an answer could find it.
-TEST_F(LifeTest, TheEndOfALifeReleasesAllWhoWait) {
-    manager_.set_silent(Step::Auth, true);
-    manager_.set_silent(Step::Ready, true);
-    const std::function<void()> ends[] = {
-        [this] { EXPECT_EQ(0, vexa_svc_deinit(id())); },
-        [this] { manager_.close_clients(); },
-        [] { EXPECT_EQ(0, disconnect_from_manager()); },
-        [this] { manager_.send_to_all(R"({"req_type":"INIT","service_id":-1})"); },
+struct End {
+    const char* name;
+    std::function<void()> happen;
+    bool releases_init;
+    int deinit_result;  // of a process that had a service id
+    bool says_dint;
+};
+
+// The second of two calls for an opcode has no entry in which an answer could find it.
+TEST_F(LifeTest, AllWhoWaitReturnWhenTheConnectionEnds) {
+    const End ends[] = {
+        {"closed", [&] { manager_.close_clients(); }, true, 0, false},
+        {"reset",
+         [&] {
+             fail(Call::kRecvFrom, ECONNRESET);
+             manager_.send_to_all("{}");
+         },
+         true, 0, true},
+        {"refused", [&] { manager_.send_to_all(R"({"req_type":"INIT","service_id":-1})"); }, true,
+         -3, false},
+        {"disconnected", [] { EXPECT_EQ(0, disconnect_from_manager()); }, true, 0, false},
+        {"de-initialised", [&] { EXPECT_EQ(0, vexa_svc_deinit(id())); }, false, -3, true},
     };
-    for (const auto& end : ends) {
-        ASSERT_NO_FATAL_FAILURE(init());
-        std::vector<std::future<int>> calls;
-        for (int i = 0; i < 2; ++i) {
-            calls.push_back(std::async(std::launch::async, [&] { return register_service(id()); }));
-            calls.push_back(
-                std::async(std::launch::async, [&] { return declare_ready(id(), &recorder_); }));
+    const std::tuple<const char*, Step, std::function<int()>> calls[] = {
+        {"INIT", Step::Init, vexa_svc_init},
+        {"AUTH", Step::Auth, [this] { return register_service(id()); }},
+        {"REDY", Step::Ready, [this] { return declare_ready(id(), &recorder_); }},
+    };
+    for (const End& end : ends) {
+        for (const auto& [request, step, call] : calls) {
+            SCOPED_TRACE(std::string(end.name) + " " + request);
+            const bool has_id = step != Step::Init;
+            if (!has_id && !end.releases_init) continue;
+            if (has_id) init();
+            manager_.set_silent(step, true);
+            std::vector<std::future<int>> callers;
+            for (int i = 0; i < (has_id ? 2 : 1); ++i) {
+                callers.push_back(std::async(std::launch::async, call));
+                ASSERT_TRUE(expect(request));
+            }
+            std::this_thread::sleep_for(50ms);  // until they wait
+            end.happen();
+            for (auto& caller : callers) {
+                ASSERT_EQ(std::future_status::ready, caller.wait_for(kSoon));
+                EXPECT_EQ(-1, caller.get());
+            }
+            EXPECT_EQ(has_id ? end.deinit_result : -3, vexa_svc_deinit(id()));
+            EXPECT_TRUE(!has_id || !end.says_dint || expect("DINT"));
+            manager_.set_silent(step, false);
         }
-        int asked = 0;
-        ASSERT_TRUE(expect([&](const manager::Packet& packet) {
-            const bool is_request = packet.text.find("Opcode") != std::string::npos;
-            return is_request && ++asked == 4;
-        }));
-        end();
-        for (auto& call : calls) {
-            ASSERT_EQ(std::future_status::ready, call.wait_for(kSoon));
-            EXPECT_EQ(-1, call.get());
-        }
-        vexa_svc_deinit(id());
     }
 }
 
