@@ -59,20 +59,6 @@ TEST_F(LossTest, TheServicesAreToldInOrderAndTheProcessCanStartAnew) {
     ASSERT_NO_FATAL_FAILURE(serve_a_task(5));
 }
 
-TEST_F(LossTest, CallersThatWaitReturnWhenTheManagerGoes) {
-    ASSERT_NO_FATAL_FAILURE(init());
-    manager_.set_silent(manager::Step::Auth, true);
-    auto registering = std::async(std::launch::async, [this] {
-        const auto blob = with_header(definition("1a", ""));
-        return _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token");
-    });
-    ASSERT_TRUE(expect("AUTH"));
-    std::this_thread::sleep_for(50ms);  // until it waits
-    manager_.close_clients();
-    EXPECT_EQ(-1, registering.get());
-    EXPECT_TRUE(log_.wait_for("No sessions due to no ready opcodes.", kSoon));
-}
-
 TEST_F(LossTest, WithoutAReadyServiceNobodyIsToldAndDeinitSendsNothing) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     ASSERT_EQ(0, vexa_svc_deinit(id()));  // what was ready once does not count
