@@ -63,7 +63,7 @@ enum vexa_start_state {
 using ServiceKey = std::pair<std::uint32_t, std::uint32_t>;
 using SessionServices = std::map<ServiceKey, vexa_start_state>;
 
-// Number of a life of the connection, see client/life.h.
+// Number of a life of the connection, see client/link/life.h.
 using Life = std::uint64_t;
 
 // Who waits for an acknowledgement. A caller holds the lock from its look at "done" until it
@@ -74,7 +74,7 @@ struct AcknowledgementWaits {
     std::set<std::condition_variable*> waiting GUARDED_BY(mutex);
 };
 
-// Who wants to know that nobody receives any more.
+// Who wants to know that nobody receives any more. Guarded by gReceiveEndMutex.
 struct ReceiveEndObserver {
     vexa_receive_end_callback_t callback = nullptr;
     void* user_data = nullptr;
@@ -95,8 +95,8 @@ extern std::mutex& gPermMutex;
 extern std::mutex& gQueryIdMutex;
 extern std::mutex& gInfoMutex;
 
-// Written with gSendMutex and gConnectMutex held; -1 = not connected. Read without a lock where a
-// glance is enough.
+// Written with gConnectMutex held; -1 = not connected. A socket that is open stays so while
+// gConnectMutex or gSendMutex is held. Read without a lock where a glance is enough.
 extern std::atomic<int> gMgrSocket_fd;
 
 extern int gService_id GUARDED_BY(gClientMutex);
@@ -129,6 +129,9 @@ extern std::atomic<bool> gInitDone;
 
 extern std::uint32_t gQueryId GUARDED_BY(gQueryIdMutex);
 
+// init_cv and response_for_init, on which vexa_svc_init() waits, are declared in vexon2_0.h and
+// guarded by gInitMutex.
+
 // One vexa_svc_init() at a time, from its first step to its last.
 extern std::mutex& gInitCallMutex;
 
@@ -141,7 +144,7 @@ extern AcknowledgementWaits& gReadyWaits;
 // The open connection; gMgrSocket_fd is its descriptor.
 extern std::shared_ptr<ManagerSocket>& gMgrSocket GUARDED_BY(gSendMutex);
 
-// The life that goes on, or the one to come while none does. Written with gClientMutex held.
+// The latest life, or one more if that has been ended. Written with gClientMutex held.
 extern std::atomic<Life> gLife;
 
 // Whether a de-initialisation is at work, from the end of a life until the process may begin

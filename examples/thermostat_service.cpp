@@ -240,7 +240,9 @@ constexpr std::chrono::milliseconds kLongestPause(5000);
 // Whatever the cause: what it takes to be served again waits for the Manager, which cannot be done
 // here.
 void on_receive_end(vexa_receive_end_t reason, void*) {
-    if (reason != VEXA_RECEIVE_END_DISCONNECTED) kill(getpid(), kStartOver);
+    const bool was_ended_here =
+        reason == VEXA_RECEIVE_END_DISCONNECTED || reason == VEXA_RECEIVE_END_CLOSED;
+    if (!was_ended_here) kill(getpid(), kStartOver);
 }
 
 sigset_t set_of(std::initializer_list<int> numbers) {

@@ -12,7 +12,7 @@
 ///     that waits for the Manager.
 ///   - Exec callbacks run on a thread of their own, several at once, and may block.
 ///   - Every function below may be called from any thread and from an exec callback. Which of them
-///     must not be called from a state callback is said at each.
+///     must not be called from a state callback is said at vexa_state_callback_t or at each.
 /// Callbacks must not let an exception out.
 
 #pragma once
@@ -70,15 +70,22 @@ struct vexa_req_t {
 /// -1). Queries are sent but not waited for.
 typedef int (*vexa_state_callback_t)(int service_id, vexa_req_t* request, void* user_data);
 
-/// Why nobody receives what the Manager sends. In each case vexa_svc_deinit() and vexa_svc_init()
-/// make a new connection; until then the service id and the declared services stay as they are.
+/// Why nobody receives what the Manager sends. The first and the last are told when this process
+/// has already seen to it itself. After the others the service id and the declared services stay as
+/// they are, apart from the id after REFUSED, until vexa_svc_deinit() and vexa_svc_init() make a
+/// new connection.
 enum vexa_receive_end_t : std::int32_t {
-    VEXA_RECEIVE_END_CLOSED = 0,  ///< the Manager closed; the reconnection was given up
+    /// The Manager closed, and before the library had reconnected this process called
+    /// vexa_svc_deinit(), or vexa_svc_init() where there was no service id.
+    VEXA_RECEIVE_END_CLOSED = 0,
     /// The Manager went away with a packet unread. Sessions have not been ended and no state
     /// callback is told: see terminate_sessions().
     VEXA_RECEIVE_END_RESET = 1,
-    VEXA_RECEIVE_END_ERROR = 2,         ///< the thread could not receive, for want of memory
-    VEXA_RECEIVE_END_REFUSED = 3,       ///< the Manager took the service id back, or gave none
+    VEXA_RECEIVE_END_ERROR = 2,  ///< the thread could not receive, for want of memory
+    /// The Manager gave a negative service id: vexa_svc_init() returns it, or, when that has
+    /// returned already, the process has lost its id. An id below -1 has to be given back with
+    /// vexa_svc_deinit() before vexa_svc_init() asks again.
+    VEXA_RECEIVE_END_REFUSED = 3,
     VEXA_RECEIVE_END_RECONNECTED = 4,   ///< the Manager closed; connected again, to send only
     VEXA_RECEIVE_END_TIMED_OUT = 5,     ///< the Manager closed and was not back within 20 s
     VEXA_RECEIVE_END_DISCONNECTED = 6,  ///< this process closed the connection, or began anew
@@ -197,12 +204,13 @@ extern "C" {
 /// Returns the service id (not negative), at once and without asking again when the process has one
 /// already, even if nobody receives any more; after a vexa_svc_deinit() of another thread, which it
 /// waits for. Returns -1 when the Manager cannot be reached, the request cannot be sent or the
-/// Manager goes away before it has answered, and in a state callback; the Manager's negative answer
-/// when it refuses. Blocks for 20 s at most while the Manager's queue of connections is full, and
-/// without time limit while a connected Manager does not answer: then disconnect_from_manager(),
-/// called on another thread, has it return -1 (vexa_svc_deinit() needs an id, which there is not
-/// yet). Throws std::system_error ("thread constructor failed") when no thread can be started; the
-/// call may then be repeated.
+/// Manager goes away before it has answered, and, where there is no id, in a state callback; the
+/// Manager's negative answer when it refuses, and an answer below -1 at once until it has been
+/// given back with vexa_svc_deinit(). Blocks for 20 s at most while the Manager's queue of
+/// connections is full, and without time limit while a connected Manager does not answer: then
+/// disconnect_from_manager(), called on another thread, has it return -1 (vexa_svc_deinit() needs
+/// an id, which there is not yet). Throws std::system_error ("thread constructor failed") when no
+/// thread can be started; the call may then be repeated.
 ///
 /// The receive thread inherits the signals that the calling thread blocks. A signal whose handler
 /// it runs costs 500 ms, in which nothing is received, unless the handler was installed with
@@ -251,25 +259,26 @@ VEXON_API int _vexa_svc_ready(std::uint32_t service_id, std::uint32_t opcode,
 ///
 /// Returns 0 when done; -1 from inside a notice of a change (see vexa_state_callback_t); -2 when
 /// `service_id` is not the one of this process; -3 before vexa_svc_init() or when another thread is
-/// doing the same, after that has finished. Waits for a state callback that runs, unless called in
-/// it, and a fifth of a second at most for a Manager that does not read: sends that wait for it
-/// fail then. Registrations and declarations that wait in another thread return -1. Tasks that run
-/// are not waited for: their replies are lost, with a log line.
+/// doing the same, after that has finished (in a state callback, which that waits for, at once).
+/// Waits for a state callback that runs, unless called in it, and a fifth of a second at most for a
+/// Manager that does not read: sends that wait for it fail then. Registrations and declarations
+/// that wait in another thread return -1. Tasks that run are not waited for: their replies are
+/// lost, with a log line.
 VEXON_API int vexa_svc_deinit(std::uint32_t service_id);
 
 /// Has `callback` told, with `user_data`, when nobody receives any more; a null one is nobody. This
 /// is how a process learns that it is out of service, whatever the cause was (see README.md for how
 /// it gets back). Costs nothing otherwise: nothing is sent and nothing logged.
 ///
-/// The callback is called once for each connection for which vexa_svc_init() has started a receive
-/// thread, as the last act of that thread, without locks held. Everything is allowed in it but to
-/// wait for the Manager or for a thread that does (see vexa_state_callback_t). It must not let an
-/// exception out.
+/// The callback is called once for each receive thread that vexa_svc_init() has started, as the
+/// last act of that thread, without locks held. Everything is allowed in it but to wait for the
+/// Manager or for a thread that does (see vexa_state_callback_t). It must not let an exception out.
 ///
 /// Replaces the callback that was set before, and returns when no call of that one goes on any more
-/// (called from inside it, does not wait for itself). Whoever sets the callback anew between
-/// vexa_svc_deinit() and vexa_svc_init() can tell the ends of the two connections apart: later
-/// calls for the former say VEXA_RECEIVE_END_DISCONNECTED. `user_data` stays the caller's.
+/// (called from inside it, does not wait for itself; called from a state callback, does not wait at
+/// all). Whoever sets the callback anew between vexa_svc_deinit() and vexa_svc_init() can tell the
+/// ends of the two apart: later calls for the former say VEXA_RECEIVE_END_DISCONNECTED or _CLOSED.
+/// `user_data` stays the caller's. Throws std::bad_alloc when memory is missing.
 VEXON_API void vexa_svc_on_receive_end(vexa_receive_end_callback_t callback, void* user_data);
 
 /// Logs `text` and, on the dedicated socket with markers enabled, sends it to the Manager as it is.
@@ -329,7 +338,8 @@ VEXON_API int connect_to_manager();
 VEXON_API int disconnect_from_manager();
 
 /// Opens the connection again, trying every 50 ms for 20 s. Returns 0, or -1 after that time. To be
-/// called only while there is none.
+/// called only while there is none, and not from a state callback: nothing would be received so
+/// long.
 VEXON_API int reconnect_to_manager();
 
 // ---------------------------------------------------------------------------------------------

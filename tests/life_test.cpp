@@ -90,6 +90,12 @@ class LifeTest : public ServiceTest {
             .has_value();
     }
 
+    // As a service would that is not declared ready any more.
+    static void terminate_all() {
+        std::lock_guard<std::mutex> lock(gSessionsMutex);
+        gSessions.clear();
+    }
+
     void send_permission_change() {
         manager_.send_to_all(R"({"req_type":"permission_change","permission":"p","status":"1"})");
     }
@@ -282,7 +288,7 @@ TEST_F(LifeTest, AReplyIsNotSentInTheNextLife) {
     EXPECT_FALSE(manager_.await_reply(slow, 0ms));
 }
 
-TEST_F(LifeTest, AServiceIdThatIsTakenBackLeavesNothingToTheNextLife) {
+TEST_F(LifeTest, AServiceIdThatIsTakenBackLeavesNoCallbackToTheNextLife) {
     Ends ends;
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     manager_.send_to_all(R"({"req_type":"INIT","service_id":-1})");
@@ -320,44 +326,159 @@ TEST_F(LifeTest, SessionsAreClearedByTheServiceAfterAReset) {
     EXPECT_TRUE(serves(5));
 }
 
-TEST_F(LifeTest, ACallbackMayDeinitialiseOnAnyThread) {
-    const auto deinit_in = [this](vexa_status_t status) {
-        recorder_.answer_with([this, status](const vexa_req_t& request) {
-            if (request.status != status) return 0;
-            EXPECT_EQ(0, vexa_svc_deinit(id()));
-            EXPECT_EQ(-1, vexa_svc_init()) << "cannot wait here";
-            EXPECT_EQ(-3, vexa_svc_deinit(id()));
+struct LateMessage {
+    const char* text;
+    std::mutex& before_lock_of;
+    int nth;
+};
+
+// The handler has begun in one life and comes to its lock in the next, where the same session and
+// service exist.
+TEST_F(LifeTest, AMessageInHandActsInNoLaterLife) {
+    const LateMessage messages[] = {
+        {R"({"req_type":"INIT","service_id":77})", gClientMutex, 1},
+        {R"({"req_type":"AUTH","opcode":"26","result":0})", gAuthMutex, 1},
+        {R"({"req_type":"REDY","opcode":"26","result":0})", gReadyMutex, 1},
+        {R"({"req_type":"exec_task","opcode":"1a","subsys_id":1,"session_id":5,"transac_id":900,)"
+         R"("func":{"name":"late","args":[]}})",
+         gReadyMutex, 1},
+        {R"({"req_type":"start_session","session_id":5,"opcodes":[)"
+         R"({"id":"1a","subsystems":[{"id":1}]}]})",
+         gSessionsMutex, 2},
+        {R"({"req_type":"start_session","session_id":8,"opcodes":[]})", gSessionsMutex, 2},
+        {R"({"req_type":"ready_session","session_id":5,"opcodes":[)"
+         R"({"id":"1a","subsystems":[{"id":1}]}]})",
+         gSessionsMutex, 2},
+        {R"({"req_type":"end_session","session_id":5,"opcodes":[)"
+         R"({"id":26,"subsystems":[{"id":1}]}]})",
+         gSessionsMutex, 2},
+        {R"({"req_type":"end_session","session_id":5,"opcodes":[]})", gSessionsMutex, 2},
+        {R"({"req_type":"permission_change","permission":"late","status":"1"})", gReadyMutex, 1},
+    };
+    manager_.set_silent(Step::Auth, false);
+    for (const LateMessage& message : messages) {
+        SCOPED_TRACE(message.text);
+        Ends ends;
+        Gate gate(message.before_lock_of);
+        ASSERT_NO_FATAL_FAILURE(init_and_offer());
+        ASSERT_NO_FATAL_FAILURE(open_session(5));
+        ASSERT_TRUE(serves(5));
+        recorder_.answer_with([&](const vexa_req_t& request) {
+            if (request.status == VEXA_STATUS_STATE_CHANGE) {
+                gate.stop_me_before_lock(message.nth);
+            }
             return 0;
         });
-    };
-    for (const vexa_status_t status :
-         {VEXA_STATUS_SESSION_START, VEXA_STATUS_SESSION_READY, VEXA_STATUS_SESSION_END}) {
+        manager_.send_to_all(R"({"req_type":"state_change","state":"now","value":"gate"})");
+        manager_.send_to_all(message.text);
+        ASSERT_TRUE(gate.wait_until_reached());
+        terminate_sessions();
+        ASSERT_NO_FATAL_FAILURE(start_over());
+        manager_.start_session(5, {{kOpcode, {kSubsystem}}});
+        ASSERT_TRUE(expect("\"Result\":\"Success\",\"opcodes\":[{"));
+        const auto calls = recorder_.calls();
+        const std::size_t received = manager_.received().size();
+        gate.open();
+        EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_DISCONNECTED}));
+
+        EXPECT_EQ(calls, recorder_.calls());
+        manager_.exec_task({5, kOpcode, 1, "too early"});
+        EXPECT_TRUE(log_.wait_for("Session 5 with 0x0000001a::1 not ready", kSoon));
+        EXPECT_EQ(received, manager_.received().size()) << manager_.received().back().text;
+        manager_.ready_session(5, {{kOpcode, {kSubsystem}}});
+        EXPECT_TRUE(serves(5));
+        terminate_sessions();
+        EXPECT_EQ(0, vexa_svc_deinit(id()));
+        EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_DISCONNECTED, VEXA_RECEIVE_END_DISCONNECTED}));
+        log_.clear();
+    }
+}
+
+// A callback may de-initialise on any thread, and another life may begin and open the same session
+// before it has returned.
+TEST_F(LifeTest, ACallbackThatDeinitialisesTouchesNothingOfTheNextLife) {
+    const vexa_status_t statuses[] = {VEXA_STATUS_SESSION_START, VEXA_STATUS_SESSION_READY,
+                                      VEXA_STATUS_SESSION_END, VEXA_STATUS_TERMINATED};
+    for (const vexa_status_t status : statuses) {
         SCOPED_TRACE(status);
         Ends ends;
-        deinit_in(status);
-        const auto session = static_cast<std::uint32_t>(10 + status);
+        Gate gate(gSessionsMutex);
+        recorder_.answer_with([&](const vexa_req_t& request) {
+            if (request.status != status) return 0;
+            recorder_.answer_with([](const vexa_req_t&) { return 0; });
+            gate.stop_me_before_lock(2);  // with which de-initialisation returns
+            EXPECT_EQ(0, vexa_svc_deinit(id()));
+            return 0;
+        });
         ASSERT_NO_FATAL_FAILURE(init_and_offer());
-        const std::string head = R"(_session","session_id":)" + std::to_string(session);
         const std::string services =
-            R"(,"opcodes":[{"id":"1a","subsystems":[{"id":1},{"id":2}]}]})";
-        manager_.send_to_all(R"({"req_type":"start)" + head + services);
-        manager_.send_to_all(R"({"req_type":"ready)" + head + services);
-        manager_.send_to_all(R"({"req_type":"end)" + head + R"(,"opcodes":[]})");
+            R"(_session","session_id":5,"opcodes":[{"id":"1a","subsystems":[{"id":1}]}]})";
+        manager_.send_to_all(R"({"req_type":"start)" + services);
+        manager_.send_to_all(R"({"req_type":"ready)" + services);
+        std::future<int> terminating;
+        if (status == VEXA_STATUS_TERMINATED) {
+            ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+            terminating = std::async(std::launch::async, terminate_sessions);
+        } else {
+            manager_.send_to_all(R"({"req_type":"end_session","session_id":5,"opcodes":[)"
+                                 R"({"id":26,"subsystems":[{"id":1}]}]})");
+        }
+        ASSERT_TRUE(gate.wait_until_reached());
+        // What the former life still had is of no use to the next.
+        if (status != VEXA_STATUS_TERMINATED) terminate_all();
+        ASSERT_NO_FATAL_FAILURE(init_and_offer());
+        ASSERT_NO_FATAL_FAILURE(open_session(5));
+        ASSERT_TRUE(serves(5));
+        const auto calls = recorder_.calls();
+        gate.open();
+        if (terminating.valid()) {
+            EXPECT_EQ(-1, terminating.get());
+        }
         EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_DISCONNECTED}));
+        EXPECT_TRUE(serves(5)) << "the session is ready still";
+        EXPECT_EQ(calls, recorder_.calls());
         terminate_sessions();
+        EXPECT_EQ(0, vexa_svc_deinit(id()));
+        EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_DISCONNECTED, VEXA_RECEIVE_END_DISCONNECTED}));
     }
+}
 
-    recorder_.answer_with([](const vexa_req_t&) { return 0; });
+// De-initialisation on another thread waits for the callback that does so itself.
+TEST_F(LifeTest, ACallbackDoesNotWaitForADeinitThatWaitsForIt) {
+    std::promise<void> in_callback;
+    std::promise<void> leaving;
+    recorder_.answer_with([&](const vexa_req_t&) {
+        in_callback.set_value();
+        leaving.get_future().wait();
+        EXPECT_EQ(-3, vexa_svc_deinit(id()));
+        return 0;
+    });
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    ASSERT_NO_FATAL_FAILURE(open_session(5));
-    ASSERT_TRUE(serves(5));
-    deinit_in(VEXA_STATUS_TERMINATED);
-    const std::size_t calls = recorder_.calls().size();
-    EXPECT_EQ(-1, terminate_sessions()) << "nobody is there any more to be told";
-    EXPECT_EQ(calls + 1, recorder_.calls().size());
-    recorder_.answer_with([](const vexa_req_t&) { return 0; });
+    manager_.start_session(5, {{kOpcode, {kSubsystem}}});
+    in_callback.get_future().wait();
+    auto leave = std::async(std::launch::async, [this] { return vexa_svc_deinit(id()); });
+    ASSERT_TRUE(expect("DINT"));
+    leaving.set_value();
+    ASSERT_EQ(std::future_status::ready, leave.wait_for(kSoon));
+    EXPECT_EQ(0, leave.get());
+}
+
+// A connection that is made too late is nobody's.
+TEST_F(LifeTest, AReconnectionDoesNotOutliveItsLife) {
+    Ends ends;
+    Gate gate(gConnectMutex);
+    recorder_.answer_with([&](const vexa_req_t& request) {
+        if (request.status == VEXA_STATUS_TERMINATED) gate.stop_me_before_lock(2);
+        return 0;
+    });
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    EXPECT_EQ(-1, terminate_sessions()) << "no session is left";
+    manager_.close_clients();
+    ASSERT_TRUE(gate.wait_until_reached());
+    ASSERT_EQ(0, vexa_svc_deinit(id()));
+    gate.open();
+    EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_CLOSED}));
+    EXPECT_TRUE(manager_.wait_for_clients(0, kSoon));
+    EXPECT_EQ(-1, disconnect_from_manager());
 }
 
 // User data of a life that has ended may be gone.
@@ -459,6 +580,28 @@ TEST_F(LifeTest, AnObserverIsCalledNoMoreOnceItWasReplaced) {
     ends.reset();
     EXPECT_TRUE(returned);
 
+    // A state callback does not wait: the call may wait for it, as terminate_sessions() does.
+    std::promise<void> in_observer;
+    std::promise<void> in_callback;
+    Ends waiting;
+    waiting.set_action([&] {
+        in_observer.set_value();
+        in_callback.get_future().wait();
+        terminate_sessions();
+    });
+    recorder_.answer_with([&](const vexa_req_t& request) {
+        if (request.status != VEXA_STATUS_SESSION_START) return 0;
+        in_callback.set_value();
+        vexa_svc_on_receive_end(nullptr, nullptr);
+        return 0;
+    });
+    ASSERT_EQ(0, vexa_svc_deinit(id()));
+    in_observer.get_future().wait();
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    manager_.start_session(5, {{kOpcode, {kSubsystem}}});
+    EXPECT_TRUE(waiting.become({VEXA_RECEIVE_END_DISCONNECTED}));
+    EXPECT_TRUE(expect("\"Result\":\"Success\""));
+
     // An end that comes to be told late is that of a life which this process has ended.
     Ends next;
     Gate gate(gReceiveEndMutex);
@@ -485,6 +628,9 @@ TEST_F(LifeTest, MissingMemoryDelaysTheReconnection) {
     manager_.close_clients();
     EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_RECONNECTED}));
     EXPECT_TRUE(log_.contains("Failed to connect to VEXON Manager (out of memory)"));
+    ASSERT_EQ(0, vexa_svc_deinit(id()));
+    ASSERT_TRUE(manager_.wait_for_clients(0, kSoon));
+    EXPECT_EQ(1U, open_sockets()) << "that on which the Manager listens";
 }
 
 #endif
@@ -568,8 +714,7 @@ TEST_F(LifeTest, AManagerThatDoesNotReadHoldsUpNobodyWhoLeaves) {
     }
 }
 
-// A leave must not cut off what others are sending while the Manager reads, if slowly.
-TEST_F(LifeTest, ALeaveComesAfterWhatOthersHaveSent) {
+TEST_F(LifeTest, ALeaveComesAfterWhatWasSent) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
     manager_.set_reading(false);
     for (int i = 0; i < 5; ++i) ASSERT_EQ(0, vexa_send_to_manager_raw("before"));
@@ -621,7 +766,7 @@ TEST_F(LifeTest, AManagerThatAcceptsNobodyHoldsUpNobodyElse) {
         const auto start = std::chrono::steady_clock::now();
         ASSERT_EQ(0, vexa_svc_deinit(id()));
         EXPECT_LT(std::chrono::steady_clock::now() - start, 900ms) << "less than an attempt takes";
-        EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_DISCONNECTED}));
+        EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_CLOSED}));
 
         auto starting = std::async(std::launch::async, vexa_svc_init);
         EXPECT_EQ(std::future_status::timeout, starting.wait_for(kNotComing));

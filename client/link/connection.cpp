@@ -73,14 +73,14 @@ int connect_until(int fd, const sockaddr_un& address, Clock::time_point deadline
 
 // Returns a connected socket, or null with a log line.
 std::shared_ptr<ManagerSocket> make_connection(milliseconds limit) {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    auto socket = std::make_shared<ManagerSocket>();
+    const int fd = socket->fd();
     if (fd < 0) {
         log_line(kFailure, "Failed to connect to VEXON Manager (socket creation failed %s)",
                  std::strerror(errno));
         return nullptr;
     }
 
-    auto socket = std::make_shared<ManagerSocket>(fd);
     const sockaddr_un address = manager_address(choose_manager_path());
     if (const int error = connect_until(fd, address, Clock::now() + limit); error != 0) {
         socket = nullptr;
@@ -175,6 +175,12 @@ Reconnection reconnect_while(Wanted wanted) EXCLUDES(gConnectMutex, gSendMutex) 
 }
 
 }  // namespace
+
+ManagerSocket::ManagerSocket() : fd_(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {}
+
+ManagerSocket::~ManagerSocket() {
+    if (fd_ >= 0) ::close(fd_);
+}
 
 std::shared_ptr<ManagerSocket> current_connection() {
     std::lock_guard<std::mutex> lock(gSendMutex);

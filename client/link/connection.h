@@ -1,15 +1,14 @@
 // The one connection to the Manager.
 //
-// What is the connection changes with gConnectMutex and gSendMutex held; sends hold the latter. No
-// lock is held while a socket connects, and a socket is shut down before gSendMutex is waited for:
-// neither a Manager that accepts nobody nor one that does not read keeps anybody from closing. The
+// The connection changes with gConnectMutex held, and with gSendMutex, which sends hold, from when
+// the former socket has been shut down. Farewells are sent without the latter, and no lock is held
+// while a socket connects: neither a Manager that accepts nobody nor one that does not read keeps
+// anybody from closing. The
 // receive thread shares the ownership of the socket: its descriptor is closed only when that thread
 // has let go of it too, so that a pending receive never reads from a later connection of the same
 // number.
 
 #pragma once
-
-#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
@@ -18,8 +17,9 @@
 
 class ManagerSocket {
   public:
-    explicit ManagerSocket(int fd) : fd_(fd) {}
-    ~ManagerSocket() { ::close(fd_); }
+    // Opens it. Where that fails, its descriptor is -1 and errno says why.
+    ManagerSocket();
+    ~ManagerSocket();
     ManagerSocket(const ManagerSocket&) = delete;
     ManagerSocket& operator=(const ManagerSocket&) = delete;
 
@@ -35,8 +35,9 @@ std::shared_ptr<ManagerSocket> current_connection() EXCLUDES(gSendMutex);
 // Returns whether there is a connection whose other end is still open.
 bool is_connected() EXCLUDES(gConnectMutex);
 
-// Connects unless there is such a connection. For a life that has no receive thread. Returns 0, or
-// -1 with a log line; waits 20 s at most for a Manager whose queue of connections is full.
+// Connects unless there is such a connection. To be called where no receive thread reads.
+// Returns 0, or -1 with a log line; waits 20 s at most for a Manager whose queue of connections is
+// full.
 int open_connection() EXCLUDES(gConnectMutex, gSendMutex);
 
 // Sends what is said to the Manager before the connection is closed. Waits for no other send, and

@@ -26,8 +26,9 @@ Life life_of_thread() EXCLUDES(gClientMutex);
 // process has none, else -2.
 int check_service_id(std::uint32_t service_id, Life* life) EXCLUDES(gClientMutex);
 
-// Returns whether `life` has ended. If it has not, under a lock that vexa_svc_deinit() takes after
-// it has ended a life, it goes on until that lock is released.
+// Returns whether `life` has ended. Whoever asks under a lock that vexa_svc_deinit() passes after
+// it has ended a life, and is told no, may act under that lock: the life may end meanwhile, but
+// nothing of it is cleared and no other begins before the lock is released.
 bool is_over(Life life);
 
 // Has the calling thread work for a life, until the object dies.

@@ -7,6 +7,7 @@
 #include "client/link/connection.h"
 #include "client/link/life.h"
 #include "client/receiving/receive.h"
+#include "client/sessions/sessions.h"
 #include "client/utility/json_access.h"
 #include "client/utility/logging.h"
 #include "client/utility/threads.h"
@@ -47,13 +48,14 @@ bool begin_life() EXCLUDES(gInitMutex) {
         gReceiving = false;
     }
     wake_waits();
+    await_session_callback();
     clear_tables();
     return true;
 }
 
 void start_receiving() REQUIRES(gInitMutex) {
     start_thread([life = gLife.load(), socket = current_connection()]() mutable {
-        receive_from_manager(life, std::move(socket));
+        recv_msg_from_mgr(life, std::move(socket));
     });
     gReceiving = true;
 }

@@ -176,7 +176,7 @@ vexa_receive_end_t receive_all(Life life, std::shared_ptr<ManagerSocket> socket)
 
 }  // namespace
 
-void receive_from_manager(Life life, std::shared_ptr<ManagerSocket> socket) {
+int recv_msg_from_mgr(Life life, std::shared_ptr<ManagerSocket> socket) {
     become_receive_thread();
     vexa_receive_end_t reason = VEXA_RECEIVE_END_DISCONNECTED;
     {
@@ -185,9 +185,5 @@ void receive_from_manager(Life life, std::shared_ptr<ManagerSocket> socket) {
         stop_receiving(life);
     }
     tell_receive_end(life, reason);
-}
-
-int recv_msg_from_mgr() {
-    receive_from_manager(gLife, current_connection());
     return 0;
 }

@@ -16,8 +16,11 @@ class ObserverCall {
   public:
     ObserverCall(Life life, vexa_receive_end_t reason) : reason_(reason) {
         std::lock_guard<std::mutex> lock(gReceiveEndMutex);
-        // Whoever replaces the observer after a de-initialisation is told of no other end.
-        if (is_over(life)) reason_ = VEXA_RECEIVE_END_DISCONNECTED;
+        // Decided under the lock under which an observer is replaced: one that was set after the
+        // end of this life must not take its cause for one that calls for something.
+        if (is_over(life) && reason != VEXA_RECEIVE_END_CLOSED) {
+            reason_ = VEXA_RECEIVE_END_DISCONNECTED;
+        }
         observer_ = gReceiveEndObserver;
         ++observer_->calls_under_way;
         tCalled = observer_.get();
@@ -61,6 +64,7 @@ void vexa_svc_on_receive_end(vexa_receive_end_callback_t callback,
 
     std::unique_lock<std::mutex> lock(gReceiveEndMutex);
     gReceiveEndObserver.swap(observer);
+    if (must_not_wait() && tCalled == nullptr) return;  // the call may wait for this very callback
     const int own_calls = tCalled == observer.get() ? 1 : 0;
     gReceiveEndReturned.wait(lock, [&] { return observer->calls_under_way == own_calls; });
 }

@@ -51,11 +51,6 @@ void take_leave(std::uint32_t service_id) {
     gInitDone = false;
 }
 
-// No callback of a session is called in a life that has ended once the lock has been free.
-void await_session_callback() EXCLUDES(gSessionsMutex) {
-    std::lock_guard<std::mutex> lock(gSessionsMutex);
-}
-
 void drop_registrations() EXCLUDES(gAuthMutex) {
     std::lock_guard<std::mutex> lock(gAuthMutex);
     gAuth.clear();
@@ -83,7 +78,7 @@ int vexa_svc_deinit(std::uint32_t service_id) {
     const bool was_receiving = dismiss_receiver();
     wake_waits();
     if (gInitDone || gIsOneService || was_receiving) take_leave(service_id);
-    close_connection();  // a link that is down may have been opened again
+    close_connection();  // the receive thread may have reconnected before it ended
     await_session_callback();
     drop_registrations();
     supported_services_clear();

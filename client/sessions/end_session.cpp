@@ -16,15 +16,15 @@ void end_service(std::uint32_t session_id, ServiceKey service, const StateCallba
     const auto [opcode, subsystem] = service;
     log_line(kProgress, "Trying to end session %u with 0x%08x::%u", session_id, opcode, subsystem);
     std::lock_guard<std::mutex> lock(gSessionsMutex);
+    if (superseded()) return;
     if (gSessions[session_id].count(service) == 0) {
         log_line(kAnomaly, "Session %u with 0x%08x::%u is not active; ignoring", session_id, opcode,
                  subsystem);
         ++counts->failed;
         return;
     }
-    if (inform_session_ended(session_id, service, callback, counts)) {
-        gSessions[session_id].erase(service);
-    }
+    const bool agreed = inform_session_ended(session_id, service, callback, counts);
+    if (agreed && !sessions_were_unlocked()) gSessions[session_id].erase(service);
 }
 
 // Returns false if the request has to be given up without a response.
@@ -45,7 +45,7 @@ bool end_named_services(std::uint32_t session_id, const Json::Value& opcodes, En
 void end_all_services(std::uint32_t session_id, EndCounts* counts) {
     const auto callbacks = all_state_callbacks();
     std::lock_guard<std::mutex> lock(gSessionsMutex);
-    // What a service that has left the Manager meanwhile is not told of stays for the next loss.
+    // A service that has left the Manager meanwhile is told of the rest by terminate_sessions().
     while (!gSessions[session_id].empty() && !superseded()) {
         SessionServices& services = gSessions[session_id];
         const ServiceKey service = services.begin()->first;

@@ -14,6 +14,7 @@ void ready_service(std::uint32_t session_id, ServiceKey service, const StateCall
     log_line(kProgress, "Trying to ready session %u with 0x%08x::%u", session_id, opcode,
              subsystem);
     std::lock_guard<std::mutex> lock(gSessionsMutex);
+    if (superseded()) return;
     const SessionServices& services = gSessions[session_id];
     const auto entry = services.find(service);
     if (entry == services.end()) {

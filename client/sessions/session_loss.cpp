@@ -1,7 +1,8 @@
 #include "client/sessions/session_loss.h"
 
+#include <exception>
+#include <map>
 #include <mutex>
-#include <utility>
 
 #include "client/link/life.h"
 #include "client/utility/logging.h"
@@ -22,6 +23,25 @@ int inform_first_service(const StateCallbacks& callbacks, vexa_status_t status)
     const auto& [opcode, callback] = *callbacks.begin();
     return inform_session_state(0, opcode, 0, callback.function, callback.user_data, status);
 }
+
+// Takes all sessions out of the table, since a callback may let the next life fill it. An exception
+// of a callback puts them back: nobody has been told of the rest.
+class SessionsTaken {
+  public:
+    SessionsTaken() REQUIRES(gSessionsMutex) { sessions_.swap(gSessions); }
+    ~SessionsTaken() REQUIRES(gSessionsMutex) {
+        const bool failed = std::uncaught_exceptions() > exceptions_;
+        if (failed && !sessions_were_unlocked()) gSessions.swap(sessions_);
+    }
+    SessionsTaken(const SessionsTaken&) = delete;
+    SessionsTaken& operator=(const SessionsTaken&) = delete;
+
+    const std::map<std::uint32_t, SessionServices>& sessions() const { return sessions_; }
+
+  private:
+    const int exceptions_ = std::uncaught_exceptions();
+    std::map<std::uint32_t, SessionServices> sessions_;
+};
 
 }  // namespace
 
@@ -51,9 +71,9 @@ int terminate_sessions() {
     {
         std::lock_guard<std::mutex> lock(gSessionsMutex);
         if (superseded()) return -1;
+        const SessionsTaken taken;
         inform_first_service(callbacks, VEXA_STATUS_TERMINATED);
-        const auto sessions = std::exchange(gSessions, {});
-        for (const auto& [session_id, services] : sessions) {
+        for (const auto& [session_id, services] : taken.sessions()) {
             last_session = session_id;
             for (const auto& [service, state] : services) {
                 const auto callback = callbacks.find(service.first);
@@ -67,6 +87,7 @@ int terminate_sessions() {
 }
 
 int send_reconnection_notification() {
+    const LifeScope scope(life_of_thread());
     const StateCallbacks callbacks = all_state_callbacks();
     if (nobody_is_ready(callbacks)) return 0;
     std::lock_guard<std::mutex> lock(gSessionsMutex);

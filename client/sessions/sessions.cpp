@@ -13,6 +13,8 @@
 
 namespace {
 
+thread_local bool tSessionsUnlocked = false;
+
 template <class Items, class Append>
 void append_list(std::string* text, const Items& items, Append append) {
     const char* separator = "";
@@ -100,6 +102,7 @@ vexa_req_t make_state_request(vexa_status_t status, std::uint32_t opcode, std::u
 int call_state_callback(const StateCallback& callback, int service_id, vexa_req_t request) {
     if (callback.function == nullptr || superseded()) return -1;
     const SessionCallbackScope scope;
+    tSessionsUnlocked = false;
     return callback.function(service_id, &request, callback.user_data);
 }
 
@@ -112,11 +115,21 @@ int inform_session_state(unsigned session_id, unsigned opcode, unsigned subsyste
 
 SessionsUnlocked::SessionsUnlocked() NO_THREAD_SAFETY_ANALYSIS
     : inside_callback_(in_session_callback()) {
-    if (inside_callback_) gSessionsMutex.unlock();
+    if (!inside_callback_) return;
+    tSessionsUnlocked = true;
+    gSessionsMutex.unlock();
 }
 
 SessionsUnlocked::~SessionsUnlocked() NO_THREAD_SAFETY_ANALYSIS {
     if (inside_callback_) gSessionsMutex.lock();
+}
+
+bool sessions_were_unlocked() {
+    return tSessionsUnlocked;
+}
+
+void await_session_callback() {
+    std::lock_guard<std::mutex> lock(gSessionsMutex);
 }
 
 int send_session_response(bool is_start, bool success, std::uint32_t session_id,
@@ -134,7 +147,7 @@ int send_session_response(bool is_start, bool success, std::uint32_t session_id,
     } else {
         text += "\"}";
     }
-    // The lock keeps vexa_svc_deinit() waiting, so that a response never meets a later connection.
+    // The lock keeps whoever ends this life waiting, so that a response meets no later connection.
     std::lock_guard<std::mutex> lock(gSessionsMutex);
     return superseded() ? -1 : vexa_send_to_manager_raw(text.c_str());
 }

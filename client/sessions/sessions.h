@@ -48,7 +48,7 @@ vexa_req_t make_state_request(vexa_status_t status, std::uint32_t opcode, std::u
                               std::uint32_t session_id);
 
 // Tells a service. Returns the callback's result, and -1 where there is no callback or where the
-// caller is a receive thread that has been dismissed: user data may be gone then.
+// caller works for a life that is over: user data may be gone then.
 int call_state_callback(const StateCallback& callback, int service_id, vexa_req_t request)
     REQUIRES(gSessionsMutex);
 
@@ -58,8 +58,7 @@ int inform_session_state(unsigned session_id, unsigned opcode, unsigned subsyste
     REQUIRES(gSessionsMutex) EXCLUDES(gClientMutex);
 
 // Lets go of gSessionsMutex, until the object dies, where the caller is inside a session's state
-// callback, which has it. So whoever calls such a callback looks up anew what the lock guards when
-// it has returned.
+// callback, which has it.
 class SessionsUnlocked {
   public:
     SessionsUnlocked();
@@ -71,9 +70,15 @@ class SessionsUnlocked {
     const bool inside_callback_;
 };
 
+// Returns whether the state callback that this thread has called last let go of gSessionsMutex.
+// The table may be that of another life then, and nothing of what was looked up before is valid.
+bool sessions_were_unlocked();
+
+// Returns when no session's callback of a life that has ended runs any more; none follows.
+void await_session_callback() EXCLUDES(gSessionsMutex);
+
 // Sends the response to start_session or end_session; `started` is listed in the former only.
-// Returns 0, or another value when it cannot be sent or the caller is a receive thread that has
-// been dismissed.
+// Returns 0, or another value when it cannot be sent or the caller works for a life that is over.
 int send_session_response(bool is_start, bool success, std::uint32_t session_id,
                           const std::map<std::uint32_t, std::vector<std::uint32_t>>& started)
     EXCLUDES(gSessionsMutex);

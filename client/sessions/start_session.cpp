@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "client/link/life.h"
 #include "client/sessions/sessions.h"
 #include "client/utility/VexonTimer.h"
 #include "client/utility/logging.h"
@@ -17,7 +18,7 @@ struct Outcome {
 
 void create_session(std::uint32_t session_id) {
     std::lock_guard<std::mutex> lock(gSessionsMutex);
-    if (gSessions.count(session_id) != 0) return;
+    if (superseded() || gSessions.count(session_id) != 0) return;
     log_line(kProgress, "Trying to create new session %u", session_id);
     gSessions[session_id];
 }
@@ -53,10 +54,12 @@ void start_service(std::uint32_t session_id, ServiceKey service, const StateCall
     const int service_id = current_service_id();
 
     std::lock_guard<std::mutex> lock(gSessionsMutex);
+    if (superseded()) return;
     if (already_started(session_id, service, &gSessions[session_id], outcome)) return;
-    if (call_state_callback(
-            callback, service_id,
-            make_state_request(VEXA_STATUS_SESSION_START, opcode, subsystem, session_id)) != 0) {
+    const bool accepted = call_state_callback(callback, service_id,
+                                              make_state_request(VEXA_STATUS_SESSION_START, opcode,
+                                                                 subsystem, session_id)) == 0;
+    if (!accepted || sessions_were_unlocked()) {
         log_line(kAnomaly, "Session %u with 0x%08x::%u failed", session_id, opcode, subsystem);
         ++outcome->failed;
         return;
