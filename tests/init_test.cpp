@@ -223,7 +223,12 @@ TEST_F(ServiceTest, MarkersAreSentOnTheDedicatedSocketOnly) {
         [](const manager::Packet& packet) { return packet.text == "a marker, \"as it is\""; },
         kSoon));
 
-    disconnect_from_manager();
+    // The dedicated service takes its leave of a Manager that has been away too.
+    dedicated.close_clients();
+    ASSERT_TRUE(log_.wait_for("reconnected to manager", kSoon));
+    EXPECT_EQ(0, vexa_svc_deinit(id()));
+    EXPECT_TRUE(dedicated.expect("DINT", kSoon));
+
     EXPECT_EQ(-1, vexa_log_marker("lost"));
     EXPECT_TRUE(log_.contains("Message was not sent successfully VEXON_marker"));
 }
