@@ -2,34 +2,37 @@
 //
 // Orders are letters: 'd' and 'p' to take leave of the Manager and start over on the dedicated and
 // on the plain socket, 't' to give back the memory that is not in use, 'f' to finish. Standard
-// error gets what should not be. With a seed as argument the process takes chances instead.
+// error gets what should not be. With a seed as argument the process takes chances instead: several
+// threads call the library at random, with the id that the process has and with ids that it had,
+// while the Manager does what it likes.
 
-#include "service.h"
+#include "contract.h"
 
 #include <android-base/properties.h>
 #include <android/log.h>
 #include <malloc.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <vexon2_0.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <random>
+#include <mutex>
+#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "fuzz/argument_reader.h"
 
 namespace soak {
-
-Shared& gShared = *static_cast<Shared*>(
-    ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, 3, 0));
-
 namespace {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+Shared& gShared = *static_cast<Shared*>(
+    ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, 3, 0));
 
 constexpr unsigned kAskedInVain = 16;    // one of so many questions while there is no Manager
 constexpr unsigned kMarkerInterval = 8;  // questions of a thread
@@ -47,7 +50,7 @@ thread_local std::uint64_t tTransaction = 0;
 void watch_log(const __android_logger_data*, const char* text) {
     const std::string_view line = text;
     if (tTransaction != 0 && line.rfind("client NOT able to send msg", 0) == 0) {
-        ++gShared.lost[tTransaction];
+        ++gShared.tasks[tTransaction][kNotSent];
     } else if (line.rfind("No Session ", 0) == 0 &&
                line.substr(line.size() - kEndedProbe.size()) == kEndedProbe) {
         ++gShared.wrong_sessions;
@@ -67,9 +70,9 @@ std::uint64_t digest_of(const vexon_func_call_info_t& args) {
 template <std::size_t service>
 int run_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
     tTransaction = static_cast<std::uint32_t>(call->transac_id);
-    ++gShared.ran[tTransaction];
+    ++gShared.tasks[tTransaction][kRan];
     if (args.func_name == "rejected") ++gShared.rejected_ran;
-    std::this_thread::sleep_for(std::chrono::milliseconds(number_after(args.func_name, kNap)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(nap_of(tTransaction)));
     call->opcode = std::to_string(kServices[service].opcode);
     call->name = args.func_name;
     call->func = "\"digest\":\"" + std::to_string(digest_of(args)) + "\"";
@@ -91,12 +94,14 @@ void count_notice(const vexa_req_t& request, const Service* service) {
     const bool right = named && request.status == kKinds[notice.kind] &&
                        request.session_id == notice.session && request.package == notice.package;
     if (!right) ++gShared.wrong_notices;
-    gShared.notices[number] += 1U << 4 * (service - kServices.data());
+    ++gShared.notices[number].at(static_cast<std::size_t>(service - kServices.data()));
 }
 
-// Counts in `now` what may follow only on what is counted in `before`.
-void count(Counter& now, const Counter& before) {
-    if (++now > before) ++gShared.wrong_sessions;
+// What becomes of a session may follow only on its start.
+int count_session(std::uint32_t session, Event event) {
+    Tally& tally = gShared.sessions[session];
+    if (++tally[event] > tally[kStarted]) ++gShared.wrong_sessions;
+    return 0;
 }
 
 int on_state(int, vexa_req_t* request, void* user_data) {
@@ -110,15 +115,11 @@ int on_state(int, vexa_req_t* request, void* user_data) {
             ++gShared.returns;
             return 0;
         case VEXA_STATUS_SESSION_START:
-            if (is_refused_session(session)) return -1;
-            ++gShared.starts[session];
-            return 0;
+            return is_refused_session(session) ? -1 : count_session(session, kStarted);
         case VEXA_STATUS_SESSION_READY:
-            count(gShared.readies[session], gShared.starts[session]);
-            return 0;
+            return count_session(session, kReady);
         case VEXA_STATUS_SESSION_END:
-            count(gShared.ends[session], gShared.starts[session]);
-            return 0;
+            return count_session(session, kEnded);
         default:
             count_notice(*request, static_cast<const Service*>(user_data));
             return 0;
@@ -140,7 +141,7 @@ Outcome judge(const Answer& answer, const Answer& expected, const Answer& unsent
     return answer.empty() || answer == unsent ? Outcome::kUnanswered : Outcome::kWrong;
 }
 
-Outcome ask(std::mt19937& random) {
+Outcome ask(Random& random) {
     std::vector<std::string> names;
     std::vector<std::string> infos;
     std::vector<bool> granted;
@@ -162,7 +163,7 @@ Outcome ask(std::mt19937& random) {
 }
 
 // Only a time without the Manager excuses that there is no answer.
-Outcome ask_and_count(std::mt19937& random) {
+Outcome ask_and_count(Random& random) {
     const std::uint32_t before = gShared.disturbances;
     const Outcome outcome = ask(random);
     const bool is_excused = before % 2 == 1 || before != gShared.disturbances;
@@ -184,7 +185,7 @@ void log_marker(unsigned questioner) {
 }
 
 void ask_on(unsigned questioner) {
-    std::mt19937 random(questioner);
+    Random random(questioner);
     while (!gStopping) {
         auto outcome = Outcome::kAnswered;
         if (gConnected || random() % kAskedInVain == 0) outcome = ask_and_count(random);
@@ -196,6 +197,22 @@ void ask_on(unsigned questioner) {
 
 // ---- The course
 
+// Registers a service and declares it ready. Returns 0 or what the library did.
+int offer(std::uint32_t id, const Service& service, vexa_state_callback_t on_state, void* user_data,
+          vexon_exec_callback_t on_task) {
+    std::ostringstream definition;
+    definition << "\x02{\"Vexon\":{\"opcode\":\"" << std::hex << service.opcode
+               << R"(","subsystems":[)";
+    for (std::uint32_t subsystem = 1; subsystem <= service.subsystems; ++subsystem) {
+        definition << (subsystem == 1 ? R"({"id":)" : R"(,{"id":)") << subsystem << '}';
+    }
+    const std::string text = definition.str() + "]}}";
+    const auto* const api = reinterpret_cast<const std::uint8_t*>(text.c_str());
+    const int result = _vexa_svc_register_auth(id, service.opcode, api, "soak");
+    if (result != 0) return result;
+    return _vexa_svc_ready(id, service.opcode, on_state, user_data, on_task);
+}
+
 // The callback is set anew so that what was lost and given up in the meantime says so.
 void take_leave(int id) {
     gConnected = false;
@@ -205,29 +222,23 @@ void take_leave(int id) {
     gLost = false;
 }
 
-// Returns the service id, -1 if the Manager could not be reached.
-int introduce() {
-    const int id = vexa_svc_init();
-    if (id < 0) return -1;
-    for (std::size_t i = 0; i < kServices.size(); ++i) {
-        auto* const user_data = const_cast<Service*>(&kServices[i]);
-        const auto own_id = static_cast<std::uint32_t>(id);
-        if (offer(own_id, kServices[i], on_state, user_data, kExecCallbacks[i]) == 0) continue;
-        take_leave(id);
-        return -1;
-    }
-    return id;
-}
-
+// Tries until the Manager can be reached. Returns the service id.
 int connect() {
-    int id = introduce();
-    for (auto pause = 10ms; id < 0; id = introduce()) {
-        std::this_thread::sleep_for(pause);
-        pause = std::min(2 * pause, 200ms);
+    while (true) {
+        const int id = vexa_svc_init();
+        bool is_ready = id >= 0;
+        for (std::size_t i = 0; is_ready && i < kServices.size(); ++i) {
+            is_ready = offer(static_cast<std::uint32_t>(id), kServices[i], on_state,
+                             const_cast<Service*>(&kServices[i]), kExecCallbacks[i]) == 0;
+        }
+        if (is_ready) {
+            gConnected = true;
+            ++gShared.ready;
+            return id;
+        }
+        if (id >= 0) take_leave(id);
+        std::this_thread::sleep_for(50ms);
     }
-    gConnected = true;
-    ++gShared.ready;
-    return id;
 }
 
 // The service is the designated one by the name of the thread that connects, see main().
@@ -271,6 +282,100 @@ void serve() {
     take_leave(id);
 }
 
+// ---- Rounds of chance. Each call has to return soon, an id that is over must not be accepted, and
+// no callback may get the user data of a life that is over. What else goes wrong, and that a call
+// never returns, the Manager's side sees.
+
+constexpr unsigned kThreads = 6;
+constexpr unsigned kOldIds = 5;  // one of so many calls has any id instead of the latest
+constexpr auto kCallLimit = 10s;
+
+// What lies between an id from the Manager and the end of vexa_svc_deinit() for it.
+struct Life {
+    std::uint32_t id;
+    std::atomic<bool> over{false};
+};
+
+// Never destroyed: threads of the library may still run when main() returns.
+std::mutex& gMutex = *new std::mutex;
+std::vector<Life*>& gLives = *new std::vector<Life*>{new Life{999'999'999, {true}}};  // by gMutex
+
+void complain(const char* what, std::uint32_t id) {
+    std::fprintf(stderr, "%s, service id %u\n", what, id);
+}
+
+Life& life_of(std::uint32_t id) {
+    const std::lock_guard lock(gMutex);
+    for (Life* const life : gLives) {
+        if (life->id == id) return *life;
+    }
+    ++gShared.lives;
+    return *gLives.emplace_back(new Life{id, {false}});
+}
+
+Life& any_life(Random& random) {
+    const std::lock_guard lock(gMutex);
+    return *(random() % kOldIds == 0 ? gLives[random() % gLives.size()] : gLives.back());
+}
+
+int on_state_of_life(int, vexa_req_t*, void* user_data) {
+    const Life& life = *static_cast<const Life*>(user_data);
+    const bool was_over = life.over;
+    std::this_thread::yield();
+    if (was_over || life.over) complain("a callback got released user data", life.id);
+    return 0;
+}
+
+int on_any_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
+    call->name = args.func_name;
+    return 0;
+}
+
+// An opcode is used once: a second time might wait for ever.
+void call_with_id(Random& random) {
+    static std::atomic<std::uint32_t> opcode{0x1000};
+    Life& life = any_life(random);
+    const bool was_over = life.over;
+    const bool leaves = random() % 4 == 0;
+    const int result = leaves ? vexa_svc_deinit(life.id)
+                              : offer(life.id, {++opcode, 1}, on_state_of_life, &life, on_any_task);
+    if (was_over && result >= 0) complain("an id that is over was accepted", life.id);
+    if (leaves && result == 0) life.over = true;
+}
+
+void call_anything(Random& random) {
+    const auto what = random() % 16;
+    if (what == 0) {
+        vexa_info_query(1, {name_of(1)});
+    } else if (what == 1) {
+        vexa_permission_query(1, {name_of(1)});
+    } else if (what == 2) {
+        vexa_send_to_manager_raw(std::string(1 + random() % 60'000, 'x').c_str());
+    } else if (what < 8) {
+        if (const int id = vexa_svc_init(); id >= 0) life_of(static_cast<std::uint32_t>(id));
+    } else {
+        call_with_id(random);
+    }
+}
+
+void call_on(Random random) {
+    for (; gShared.order != 'f'; ++gShared.calls) {
+        const auto begin = Clock::now();
+        call_anything(random);
+        if (Clock::now() - begin > kCallLimit) complain("a call took too long", 0);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+    }
+}
+
+void take_chances(unsigned long seed) {
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < kThreads; ++i) threads.emplace_back(call_on, Random(++seed));
+    for (std::thread& thread : threads) thread.join();
+    for (Life* const life : gLives) vexa_svc_deinit(life->id);
+}
+
+// ---- The process
+
 std::size_t count_threads() {
     const std::filesystem::directory_iterator threads("/proc/self/task");
     return static_cast<std::size_t>(std::distance(begin(threads), end(threads)));
@@ -286,23 +391,6 @@ void await_threads(std::size_t count) {
 }
 
 }  // namespace
-
-int offer(std::uint32_t id, const Service& service, vexa_state_callback_t on_state, void* user_data,
-          vexon_exec_callback_t on_task) {
-    char opcode[9];
-    std::snprintf(opcode, sizeof(opcode), "%x", service.opcode);
-    std::string text;
-    for (std::uint32_t subsystem = 1; subsystem <= service.subsystems; ++subsystem) {
-        text += (text.empty() ? R"({"id":)" : R"(,{"id":)") + std::to_string(subsystem) + "}";
-    }
-    text = std::string("\x02{\"Vexon\":{\"opcode\":\"") + opcode + R"(","subsystems":[)" + text +
-           "]}}";
-    const auto* const api = reinterpret_cast<const std::uint8_t*>(text.c_str());
-    const int result = _vexa_svc_register_auth(id, service.opcode, api, "soak");
-    if (result != 0) return result;
-    return _vexa_svc_ready(id, service.opcode, on_state, user_data, on_task);
-}
-
 }  // namespace soak
 
 int main(int argc, char** argv) {
