@@ -49,24 +49,16 @@ constexpr std::string_view kEndedProbe = "::98";
 constexpr std::string_view kMarkerPrefix = "soak marker ";
 constexpr std::string_view kNoticePrefix = "soak.notice.";
 
-// Permissions and information by number, under the same names. Each fifth is not known.
-constexpr std::uint64_t kNames = 128;
-
-inline std::string name_of(std::uint64_t number) {
-    return "soak.name." + std::to_string(number);
-}
-
-inline bool is_granted(std::uint64_t number) {
-    return hash_of(name_of(number)) % 2 == 0;
-}
-
-inline std::string info_value(std::uint64_t number) {
-    return std::to_string(number) + ": " + std::string(number, '#');
-}
-
-inline std::string info_text(std::uint64_t number) {
-    return (number % 5 == 0 ? "ERROR:" : "SUCCESS:") + info_value(number);
-}
+// A permission and a piece of information under the same name. Each fifth information is not known.
+struct Name {
+    static constexpr std::uint64_t kCount = 128;
+    std::uint64_t number;
+    std::string text() const { return "soak.name." + std::to_string(number); }
+    bool is_granted() const { return hash_of(text()) % 2 == 0; }
+    bool is_known() const { return number % 5 != 0; }
+    std::string value() const { return std::to_string(number) + ": " + std::string(number, '#'); }
+    std::string info() const { return (is_known() ? "SUCCESS:" : "ERROR:") + value(); }
+};
 
 struct Notice {
     std::uint64_t kind;  // 0: of a permission, 1: of a state, 2: of a setting

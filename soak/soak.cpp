@@ -44,6 +44,8 @@ constexpr bool kLooksForLeaks =
     std::string_view(VEXON_SANITIZERS).find("address") != std::string_view::npos;
 constexpr std::size_t kMostUndecodable = kLooksForLeaks ? 0 : 100;
 
+const std::vector<manager::Target> kNoTargets;
+
 // Something that must hold.
 struct Check {
     const char* title;
@@ -84,9 +86,7 @@ struct Account {
 };
 
 struct Usage {
-    std::size_t memory_kib = 0;  // resident
-    std::size_t threads = 0;
-    std::size_t descriptors = 0;
+    std::size_t memory_kib = 0, threads = 0, descriptors = 0;
 };
 
 // The service process, watched from outside; it ends with this one. To be started while there is
@@ -353,9 +353,9 @@ class Soak {
 
     std::unique_ptr<SimulatedManager> open(const char* path) {
         auto opened = std::make_unique<SimulatedManager>(path);
-        for (std::uint64_t number = 0; number < kNames; ++number) {
-            if (is_granted(number)) opened->grant(name_of(number));
-            opened->set_info(name_of(number), info_text(number));
+        for (Name name{0}; name.number < Name::kCount; ++name.number) {
+            if (name.is_granted()) opened->grant(name.text());
+            opened->set_info(name.text(), name.info());
         }
         opened->set_observer([this](const manager::Packet& packet) {
             const std::lock_guard lock(mutex_);
@@ -469,14 +469,11 @@ class Soak {
         for (Session& session : sessions_) {
             if (session.stage != Session::Stage::kActive || now < session.end) continue;
             session.stage = Session::Stage::kEnding;
-            send_end(session, session.id % 2 == 0);
+            // By the names of its services, or else the whole session.
+            const bool by_name = session.id % 2 == 0;
+            send(manager::end_session_message(session.id, 1,
+                                              by_name ? session.targets : kNoTargets));
         }
-    }
-
-    // Ends the services of the session by their names, or else the whole session.
-    void send_end(const Session& session, bool by_name) {
-        send(manager::end_session_message(
-            session.id, 1, by_name ? session.targets : std::vector<manager::Target>()));
     }
 
     // ---- What comes in
@@ -550,7 +547,7 @@ class Soak {
         // The library shall know nothing of the session any more.
         send_rejected({session.id, session.targets[0].opcode, kEndedProbeSubsystem, "rejected"});
         session.stage = Stage::kEndingAgain;
-        send_end(session, false);
+        send(manager::end_session_message(session.id, 1, kNoTargets));
         return true;
     }
 
@@ -755,7 +752,7 @@ class Soak {
             if (what == 4) manager.set_reading(random_() % 8 != 0);
             if (what > 4) manager.accept(step);
             if (what > 4) manager.set_delay(step, 0ms);
-            if (what > 6) talk_at_random(manager, 1 + random_() % 4, opcode);
+            if (what > 6) talk(manager, 1 + static_cast<std::int64_t>(random_() % 4), opcode);
             if (is_due(next_closing, Milliseconds(random_() % 200))) {
                 const auto ending = random_() % 2 == 0 ? Ending::Orderly : Ending::Abrupt;
                 ++closings_;
@@ -776,17 +773,13 @@ class Soak {
         lives_ = service.shared.lives;
     }
 
-    static void talk_at_random(SimulatedManager& manager, std::uint32_t session,
-                               std::uint32_t opcode) {
+    static void talk(SimulatedManager& manager, std::int64_t session, std::uint32_t opcode) {
         const std::vector<manager::Target> targets{{opcode, {1}}};
-        for (const std::string& text :
-             {manager::start_session_message(session, 1, targets),
-              manager::ready_session_message(session, targets),
-              manager::exec_task_message({session, opcode, 1, "any"}, session),
-              manager::permission_change_message("any", true, {}),
-              manager::end_session_message(session, 1, {})}) {
-            manager.send_to_all(text);
-        }
+        manager.send_to_all(manager::start_session_message(session, 1, targets));
+        manager.send_to_all(manager::ready_session_message(session, targets));
+        manager.send_to_all(manager::exec_task_message({session, opcode, 1, "any"}, session));
+        manager.send_to_all(manager::permission_change_message("any", true, {}));
+        manager.send_to_all(manager::end_session_message(session, 1, kNoTargets));
     }
 
     // ---- What is shown
