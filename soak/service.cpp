@@ -133,15 +133,21 @@ void on_receive_end(vexa_receive_end_t reason, void*) {
 
 // ---- Questions and markers
 
-enum class Outcome { kAnswered, kUnanswered, kWrong };
-
+// Counts the answer to a question. Only a time without the Manager, as by the disturbances before
+// the question, excuses that there is none. Returns whether it is the right one.
 template <class Answer>
-Outcome judge(const Answer& answer, const Answer& expected, const Answer& unsent) {
-    if (answer == expected) return Outcome::kAnswered;
-    return answer.empty() || answer == unsent ? Outcome::kUnanswered : Outcome::kWrong;
+bool judge(const Answer& answer, const Answer& expected, const Answer& unsent,
+           std::uint32_t before) {
+    const bool is_excused = before % 2 == 1 || before != gShared.disturbances;
+    const bool is_right = answer == expected;
+    const bool is_none = answer.empty() || answer == unsent;
+    ++gShared.queries;
+    gShared.answered_queries += is_right;
+    gShared.wrong_queries += !is_right && !(is_none && is_excused);
+    return is_right;
 }
 
-Outcome ask(Random& random) {
+bool ask(Random& random) {
     std::vector<std::string> names;
     std::vector<std::string> infos;
     std::vector<bool> granted;
@@ -152,27 +158,15 @@ Outcome ask(Random& random) {
         granted.push_back(name.is_granted());
         std::string value;
         const int result = parse_result_of_query_info(infos.back(), value);
-        if (value != name.value() || result != (name.is_known() ? 0 : -1)) return Outcome::kWrong;
+        const bool is_right = value == name.value() && result == (name.is_known() ? 0 : -1);
+        gShared.wrong_queries += !is_right;
     }
     const auto session = static_cast<unsigned>(random());
     const auto kind = random() % 3;
-    if (kind == 0) return judge(vexa_permission_query(session, names), granted, {});
-    const auto query = kind == 1 ? vexa_info_query : vexa_info_monitor;
-    return judge(query(session, names), infos, std::vector<std::string>(names.size()));
-}
-
-// Only a time without the Manager excuses that there is no answer.
-Outcome ask_and_count(Random& random) {
     const std::uint32_t before = gShared.disturbances;
-    const Outcome outcome = ask(random);
-    const bool is_excused = before % 2 == 1 || before != gShared.disturbances;
-    ++gShared.queries;
-    if (outcome == Outcome::kAnswered) {
-        ++gShared.answered_queries;
-    } else if (outcome == Outcome::kWrong || !is_excused) {
-        ++gShared.wrong_queries;
-    }
-    return outcome;
+    if (kind == 0) return judge(vexa_permission_query(session, names), granted, {}, before);
+    const auto query = kind == 1 ? vexa_info_query : vexa_info_monitor;
+    return judge(query(session, names), infos, std::vector<std::string>(names.size()), before);
 }
 
 // 0 is the result of a send; the log gives another when nothing is to be sent.
@@ -186,10 +180,9 @@ void log_marker(unsigned questioner) {
 void ask_on(unsigned questioner) {
     Random random(questioner);
     while (!gStopping) {
-        auto outcome = Outcome::kAnswered;
-        if (gConnected || random() % kAskedInVain == 0) outcome = ask_and_count(random);
+        bool goes_well = gConnected;
+        if (goes_well || random() % kAskedInVain == 0) goes_well = ask(random) && goes_well;
         if (random() % kMarkerInterval == 0) log_marker(questioner);
-        const bool goes_well = gConnected && outcome == Outcome::kAnswered;
         std::this_thread::sleep_for(goes_well ? 1ms : 20ms);
     }
 }

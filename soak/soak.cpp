@@ -902,13 +902,8 @@ int main(int argc, char** argv) {
     }
     enter_private_dev(VEXON_PRIVATE_DEV, argv);
     ::alarm(static_cast<unsigned>(seconds) + 180);  // all waits have shorter limits of their own
-    try {
-        const bool passed =
-            soak::Soak(std::chrono::seconds(seconds), static_cast<unsigned>(seed)).run();
-        fmt::print("\n{}\n", passed ? "Passed" : "FAILED");
-        return passed ? 0 : 1;
-    } catch (const std::exception& error) {
-        fmt::print(stderr, "vexon-soak: {}\n", error.what());
-        return 1;
-    }
+    soak::Soak soak(std::chrono::seconds(seconds), static_cast<unsigned>(seed));
+    const bool passed = soak.run();
+    fmt::print("\n{}\n", passed ? "Passed" : "FAILED");
+    return passed ? 0 : 1;
 }
