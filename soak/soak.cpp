@@ -716,27 +716,33 @@ class Soak {
         managers_ = {};
         Process service(std::to_string(seed_));
         SimulatedManager manager(manager::kDefaultPath);
-        // Used by the observer only: the ids given, by connection, and the latest one. A connection
-        // that the library has opened again by itself has none, and may carry the latest.
+        // Used by the observers only: the ids given, by connection, and the latest one. A
+        // connection that the library has opened again by itself has none, and carries that of the
+        // one before.
         std::map<int, std::uint64_t> given;
+        std::map<int, std::uint64_t> inherited;
         std::uint64_t latest = 0;
         std::atomic<std::uint32_t> opcode{0x1000};
-        manager.set_observer([&](const manager::Packet& packet) {
-            if (packet.direction == manager::Direction::ToClient) {
-                if (!has(packet, R"("INIT")") || has(packet, ":-1")) return;
-                latest = given[packet.client] = number_after(packet.text, R"("service_id":)");
-            } else if (has(packet, R"("Service_Id":)")) {
-                const std::uint64_t id = number_after(packet.text, R"("Service_Id":)");
-                const std::uint64_t own = given[packet.client];
-                if (id != (own == 0 ? latest : own)) {
-                    const std::lock_guard lock(mutex_);
-                    chance_.fail(fmt::format("{} to the connection of {}", packet.text, own));
+        manager.set_observer(
+            [&](const manager::Packet& packet) {
+                if (packet.direction == manager::Direction::ToClient) {
+                    if (!has(packet, R"("INIT")") || has(packet, ":-1")) return;
+                    latest = given[packet.client] = number_after(packet.text, R"("service_id":)");
+                } else if (has(packet, R"("Service_Id":)")) {
+                    const std::uint64_t id = number_after(packet.text, R"("Service_Id":)");
+                    const std::uint64_t own = given[packet.client];
+                    if (id != (own == 0 ? inherited[packet.client] : own)) {
+                        const std::lock_guard lock(mutex_);
+                        chance_.fail(fmt::format("{} to the connection of {}", packet.text, own));
+                    }
+                    if (has(packet, R"("DINT")") && id == latest) latest = 0;
+                    if (!has(packet, R"("AUTH")")) return;
+                    opcode = static_cast<std::uint32_t>(number_after(packet.text, R"("Opcode":)"));
                 }
-                if (has(packet, R"("DINT")")) latest = 0;
-                if (!has(packet, R"("AUTH")")) return;
-                opcode = static_cast<std::uint32_t>(number_after(packet.text, R"("Opcode":)"));
-            }
-        });
+            },
+            [&](const manager::ConnectionChange& change) {
+                inherited.emplace(change.client, latest);
+            });
         std::int64_t last_service = 0;  // an id is given once only
         manager.start(last_service);
         const auto end = Clock::now() + Milliseconds(duration_) / 5;
