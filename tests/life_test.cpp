@@ -376,16 +376,25 @@ TEST_F(LifeTest, AMessageInHandActsInNoLaterLife) {
         ASSERT_NO_FATAL_FAILURE(start_over());
         manager_.start_session(5, {{kOpcode, {kSubsystem}}});
         ASSERT_TRUE(expect("\"Result\":\"Success\",\"opcodes\":[{"));
+        const bool is_task = std::string_view(message.text).find("task") != std::string::npos;
+        if (is_task) {  // it would run in a session that is ready
+            manager_.ready_session(5, {{kOpcode, {kSubsystem}}});
+            ASSERT_TRUE(serves(5));
+        }
         const auto calls = recorder_.calls();
         const std::size_t received = manager_.received().size();
+        const std::size_t begun = log_.count("KRV handleExecTask");
         gate.open();
         EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_DISCONNECTED}));
+        EXPECT_EQ(begun, log_.count("KRV handleExecTask")) << "no task has begun";
 
         EXPECT_EQ(calls, recorder_.calls());
-        manager_.exec_task({5, kOpcode, 1, "too early"});
-        EXPECT_TRUE(log_.wait_for("Session 5 with 0x0000001a::1 not ready", kSoon));
+        if (!is_task) {
+            manager_.exec_task({5, kOpcode, 1, "too early"});
+            EXPECT_TRUE(log_.wait_for("Session 5 with 0x0000001a::1 not ready", kSoon));
+            manager_.ready_session(5, {{kOpcode, {kSubsystem}}});
+        }
         EXPECT_EQ(received, manager_.received().size()) << manager_.received().back().text;
-        manager_.ready_session(5, {{kOpcode, {kSubsystem}}});
         EXPECT_TRUE(serves(5));
         terminate_sessions();
         EXPECT_EQ(0, vexa_svc_deinit(id()));
