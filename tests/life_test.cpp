@@ -496,7 +496,6 @@ TEST_F(LifeTest, TerminationOnAThreadOfTheServiceBelongsToALifeToo) {
         ASSERT_NO_FATAL_FAILURE(init_and_offer());
         ASSERT_NO_FATAL_FAILURE(open_session(5));
         ASSERT_TRUE(serves(5));
-        const std::size_t calls = recorder_.calls().size();
         Gate gate(*mutex);
         auto terminating = std::async(std::launch::async, [&] {
             gate.stop_me_before_lock();
@@ -504,9 +503,13 @@ TEST_F(LifeTest, TerminationOnAThreadOfTheServiceBelongsToALifeToo) {
         });
         ASSERT_TRUE(gate.wait_until_reached());
         ASSERT_NO_FATAL_FAILURE(start_over());
+        ASSERT_NO_FATAL_FAILURE(open_session(6));
+        ASSERT_TRUE(serves(6));
+        const std::size_t calls = recorder_.calls().size();
         gate.open();
         EXPECT_EQ(-1, terminating.get());
         EXPECT_EQ(calls, recorder_.calls().size());
+        EXPECT_TRUE(serves(6));
         manager_.close_clients();
         ASSERT_TRUE(log_.wait_for("reconnected to manager", kSoon));
         ASSERT_EQ(0, vexa_svc_deinit(id()));
@@ -672,6 +675,19 @@ TEST_F(LifeTest, ADeadConnectionIsTakenForNoLiveOne) {
     EXPECT_TRUE(ends.become({VEXA_RECEIVE_END_RECONNECTED, VEXA_RECEIVE_END_DISCONNECTED,
                              VEXA_RECEIVE_END_DISCONNECTED}));
     EXPECT_EQ(listening, open_sockets());
+}
+
+// The connection stays open after a refusal, and what else came on it is for nobody.
+TEST_F(LifeTest, AnAnswerToAnEarlierRequestIsNotTakenForThatToALaterOne) {
+    manager_.refuse(Step::Init);
+    manager_.set_twice(Step::Init, true);
+    EXPECT_EQ(-1, vexa_svc_init());
+    const auto answered_twice = [this] { return manager_.log().size() == 3; };
+    for (int i = 0; i < 1000 && !answered_twice(); ++i) std::this_thread::sleep_for(5ms);
+    ASSERT_TRUE(answered_twice());
+    manager_.accept(Step::Init);
+    manager_.set_twice(Step::Init, false);
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
 }
 
 TEST_F(LifeTest, ASendThatASignalInterruptsIsRepeated) {

@@ -125,9 +125,11 @@ int connect_anew() EXCLUDES(gConnectMutex, gSendMutex) {
     return 0;
 }
 
-bool peer_has_gone(int fd) {
+// Returns whether the other end is open and, unless `unread` packets are allowed, nothing has come.
+bool is_sound(int fd, bool unread) {
     pollfd state{fd, POLLRDHUP, 0};
-    return ::poll(&state, 1, 0) != 0;
+    if (!unread) state.events |= POLLIN;
+    return fd >= 0 && ::poll(&state, 1, 0) == 0;
 }
 
 int send_last(const char* msg) REQUIRES(gConnectMutex) {
@@ -189,11 +191,15 @@ std::shared_ptr<ManagerSocket> current_connection() {
 
 bool is_connected() {
     std::lock_guard<std::mutex> lock(gConnectMutex);
-    return gMgrSocket_fd >= 0 && !peer_has_gone(gMgrSocket_fd);
+    return is_sound(gMgrSocket_fd, true);
 }
 
 int open_connection() {
-    return is_connected() ? 0 : connect_anew();
+    {
+        std::lock_guard<std::mutex> lock(gConnectMutex);
+        if (is_sound(gMgrSocket_fd, false)) return 0;
+    }
+    return connect_anew();
 }
 
 int send_farewell(const char* msg) {

@@ -35,7 +35,8 @@ std::shared_ptr<ManagerSocket> current_connection() EXCLUDES(gSendMutex);
 // Returns whether there is a connection whose other end is still open.
 bool is_connected() EXCLUDES(gConnectMutex);
 
-// Connects unless there is such a connection. To be called where no receive thread reads.
+// Connects unless there is such a connection, on which nothing has come that nobody has read: it
+// would be taken for answers to what is asked next. To be called where no receive thread reads.
 // Returns 0, or -1 with a log line; waits 20 s at most for a Manager whose queue of connections is
 // full.
 int open_connection() EXCLUDES(gConnectMutex, gSendMutex);
