@@ -380,6 +380,7 @@ TEST_F(LifeTest, AMessageInHandActsInNoLaterLife) {
         if (is_task) {  // it would run in a session that is ready
             manager_.ready_session(5, {{kOpcode, {kSubsystem}}});
             ASSERT_TRUE(serves(5));
+            ASSERT_NO_FATAL_FAILURE(wait_until_handled());
         }
         const auto calls = recorder_.calls();
         const std::size_t received = manager_.received().size();
