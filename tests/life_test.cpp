@@ -250,6 +250,22 @@ TEST_F(LifeTest, OnlyOneDeinitTakesALifeDown) {
     EXPECT_TRUE(serves(5));
 }
 
+// One that has checked the id and goes on in the next life leaves that alone.
+TEST_F(LifeTest, ADeinitThatComesLateTakesNoOtherLifeDown) {
+    ASSERT_NO_FATAL_FAILURE(init_and_offer());
+    Gate gate(gClientMutex);
+    auto late = std::async(std::launch::async, [&, former = id()] {
+        gate.stop_me_before_lock(2);
+        return vexa_svc_deinit(former);
+    });
+    ASSERT_TRUE(gate.wait_until_reached());
+    ASSERT_NO_FATAL_FAILURE(start_over());
+    ASSERT_NO_FATAL_FAILURE(open_session(5));
+    gate.open();
+    EXPECT_EQ(-3, late.get());
+    EXPECT_TRUE(serves(5));
+}
+
 TEST_F(LifeTest, AReceiveThreadThatStartsLateReadsNoLaterConnection) {
     Ends ends;
     hold_new_threads(true);

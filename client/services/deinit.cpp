@@ -14,16 +14,13 @@
 
 namespace {
 
-// Ends the life, so that nothing that began in it acts any more, and has later calls wait for the
-// end of this one. From here on the receive thread knows that the end of the connection is no loss
-// of the Manager. Returns 0, or the result of a call that may not do so.
-int begin_leaving(std::uint32_t service_id) NO_THREAD_SAFETY_ANALYSIS {
+// Ends `life`, so that nothing that began in it acts any more, and has later calls wait for the end
+// of this one. From here on the receive thread knows that the end of the connection is no loss of
+// the Manager. Returns 0, or -3 if another call has ended the life, when that has finished.
+int begin_leaving(Life life) NO_THREAD_SAFETY_ANALYSIS {
     std::unique_lock<std::mutex> lock(gClientMutex);
-    if (gService_id == -1) return -3;
-    if (static_cast<std::uint32_t>(gService_id) != service_id) return -2;
-    if (refused_in_notice("vexa_svc_deinit")) return -1;
-    if (superseded()) return -3;  // it is another life's process by now
-    if (gLeaving) {
+    if (superseded()) return -3;  // a callback, which the other call waits for
+    if (is_over(life)) {
         const Life next = gLife;
         gLeft.wait(lock, [next]() NO_THREAD_SAFETY_ANALYSIS { return !gLeaving || is_over(next); });
         return -3;
@@ -73,7 +70,10 @@ void forget_service_id(std::uint32_t service_id) EXCLUDES(gClientMutex) {
 }  // namespace
 
 int vexa_svc_deinit(std::uint32_t service_id) {
-    if (const int refusal = begin_leaving(service_id); refusal != 0) return refusal;
+    Life life = kNoLife;
+    if (const int refusal = check_service_id(service_id, &life); refusal != 0) return refusal;
+    if (refused_in_notice(__func__)) return -1;
+    if (const int refusal = begin_leaving(life); refusal != 0) return refusal;
     const SessionsUnlocked unlocked;
     const bool was_receiving = dismiss_receiver();
     wake_waits();
