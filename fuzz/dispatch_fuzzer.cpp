@@ -97,7 +97,7 @@ void require_free_locks() {
     for (std::mutex* mutex :
          {&gClientMutex, &gServicesMutex, &gSessionsMutex, &gSendMutex, &gInitMutex, &gRegsMutex,
           &gAuthMutex, &gReadyMutex, &gPermMutex, &gQueryIdMutex, &gInfoMutex, &gInitCallMutex,
-          &gConnectMutex, &gAuthWaitMutex, &gReadyWaitMutex}) {
+          &gConnectMutex, &gAuthWaits.mutex, &gReadyWaits.mutex, &gReceiveEndMutex}) {
         require(mutex->try_lock(), "all locks are free when no message is being handled");
         mutex->unlock();
     }
