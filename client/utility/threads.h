@@ -11,7 +11,7 @@
 
 // What the deepest message or arguments that are taken need, with room to spare, however little the
 // process gives to its threads (ulimit -s).
-constexpr std::size_t kLeastStack = 1024 * 1024;
+constexpr std::size_t kLeastStack = std::size_t{1024} * 1024;
 
 // Returns the attributes of a detached thread with a stack of the usual size, or of the least one
 // if that is smaller. They live for ever.
