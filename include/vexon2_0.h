@@ -239,8 +239,8 @@ VEXON_API int _vexa_svc_register(std::uint32_t service_id, std::uint32_t opcode,
 
 /// Declares a registered service ready and waits for the Manager's verdict.
 ///
-/// `state_callback` is required: a change of a permission is delivered without testing for it.
-/// `user_data` is handed to it, stays the caller's and is not used any more when vexa_svc_deinit()
+/// Without a `state_callback` every session is refused, and without an `exec_callback` every task is;
+/// a log line says so here. `user_data` is handed to the former, stays the caller's and is not used any more when vexa_svc_deinit()
 /// has returned. `exec_callback` runs the tasks; those that run then go on.
 ///
 /// Returns 0 when the service is ready; -1 when the request cannot be sent, the Manager refuses or
@@ -286,6 +286,11 @@ VEXON_API void vexa_svc_on_receive_end(vexa_receive_end_callback_t callback, voi
 /// Returns 0 or -1 as the send did, and where nothing is sent the result of the log call. -1 for a
 /// null pointer. May block while the Manager does not read.
 VEXON_API int vexa_log_marker(const char* text);
+
+/// Writes `text` to the log, as the library writes its own lines, if the level of the log has
+/// reached `level`: 1 for failures, 2 for anomalies, 3 for contents of messages, 4 for progress. A
+/// null `text` is nothing. Sends nothing. Any thread, also in callbacks and while the process exits.
+VEXON_API void vexa_log(int level, const char* text);
 
 }  // extern "C"
 
@@ -369,6 +374,17 @@ VEXON_API std::vector<std::string> vexa_info_query(unsigned int session_id,
 VEXON_API std::vector<std::string> vexa_info_monitor(unsigned int session_id,
                                                      std::vector<std::string> names);
 
+/// What became of a query.
+enum vexa_query_outcome_t : std::int32_t {
+    VEXA_QUERY_ANSWERED = 0,   ///< the Manager has answered
+    VEXA_QUERY_NO_ANSWER = 1,  ///< no answer came within 3 s, or the query was in a state callback
+    VEXA_QUERY_NOT_SENT = 2,   ///< it could not be sent, or there was nothing to ask for
+};
+
+/// Returns what became of the latest of the three queries above that the calling thread has made,
+/// VEXA_QUERY_NOT_SENT before the first and after one that threw.
+VEXON_API vexa_query_outcome_t vexa_query_outcome();
+
 /// Takes apart one text of an answer, "SUCCESS:value" or "ERROR:value". Returns 0 for the former,
 /// -1 for the latter, with the value in `out`. Returns -1 with "Empty result" or "Invalid result"
 /// in `out` for an empty text and for one that begins otherwise.
@@ -376,6 +392,17 @@ VEXON_API int parse_result_of_query_info(std::string text, std::string& out);
 
 /// Returns the texts in double quotes with commas between them, nothing escaped.
 VEXON_API std::string vector_to_string_with_quotes(std::vector<std::string> texts);
+
+// ---------------------------------------------------------------------------------------------
+// Definitions
+
+/// Compares an author's `definition` with the one that was `made` from the functions of a service,
+/// both NUL-terminated JSON text in the form of docs/protocol.md and not null: opcode, name,
+/// subsystems, functions, arguments with all members, results if `definition` has any.
+///
+/// Returns a line for each mismatch that names the place; nothing if they agree. Any thread.
+VEXON_API std::vector<std::string> vexa_definition_mismatches(const char* definition,
+                                                              const char* made);
 
 // ---------------------------------------------------------------------------------------------
 // Conversions of texts. None throws. Each returns 0; on failure it returns -1 and leaves `out`

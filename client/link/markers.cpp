@@ -1,4 +1,4 @@
-// vexa_log_marker(): texts for whoever reads the log or traces the Manager. Any thread.
+// vexa_log_marker() and vexa_log(): texts for whoever reads the log or traces the Manager. Any thread.
 
 #include <android/log.h>
 
@@ -17,4 +17,8 @@ int vexa_log_marker(const char* text) {
     const int sent = vexa_send_to_manager_raw(text);
     if (sent != 0) log_line(kFailure, "Message was not sent successfully %s", kMarkerName);
     return sent;
+}
+
+void vexa_log(int level, const char* text) {
+    if (text != nullptr) log_line(static_cast<LogLevel>(level), "%s", text);
 }

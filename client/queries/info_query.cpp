@@ -39,6 +39,7 @@ std::vector<std::string> read_infos(const Json::Value& message) {
 
 std::vector<std::string> ask(unsigned int session_id, const std::vector<std::string>& names,
                              const std::string& kind, const char* label, Life life) {
+    set_query_outcome(VEXA_QUERY_NOT_SENT);
     if (names.empty()) return {"ERROR:Empty requested info"};
     const std::uint32_t query_id = next_query_id();
     const std::string request = info_request(session_id, names, kind, query_id);

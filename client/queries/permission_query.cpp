@@ -50,6 +50,7 @@ std::vector<bool> read_permissions(const Json::Value& message) {
 
 std::vector<bool> vexa_permission_query(unsigned int session_id,
                                         std::vector<std::string> permissions) {
+    set_query_outcome(VEXA_QUERY_NOT_SENT);
     const Life life = life_of_call();
     const int service_id = current_service_id();
     const std::uint32_t query_id = next_query_id();

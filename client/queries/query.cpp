@@ -20,7 +20,17 @@ timespec to_timespec(std::chrono::steady_clock::time_point time) {
     return {static_cast<std::time_t>(seconds.count()), static_cast<long>(rest.count())};
 }
 
+thread_local vexa_query_outcome_t tOutcome = VEXA_QUERY_NOT_SENT;
+
 }  // namespace
+
+void set_query_outcome(vexa_query_outcome_t outcome) {
+    tOutcome = outcome;
+}
+
+vexa_query_outcome_t vexa_query_outcome() {
+    return tOutcome;
+}
 
 std::uint32_t next_query_id() {
     std::lock_guard<std::mutex> lock(gQueryIdMutex);

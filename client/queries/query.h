@@ -33,6 +33,9 @@ bool query_id_validation(const Json::Value& message, unsigned int& query_id);
 void await_query_answer(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
                         const bool& done);
 
+// Keeps what vexa_query_outcome() tells the calling thread.
+void set_query_outcome(vexa_query_outcome_t outcome);
+
 // One query that waits for its answer. Its entry stands in the table as long as it lives.
 template <class Waiter>
 class PendingQuery {
@@ -59,6 +62,7 @@ class PendingQuery {
     auto await() NO_THREAD_SAFETY_ANALYSIS {
         std::unique_lock<std::mutex> lock(table_.mutex);
         if (!must_not_wait()) await_query_answer(lock, *waiter_.cv, *waiter_.done);
+        set_query_outcome(*waiter_.done ? VEXA_QUERY_ANSWERED : VEXA_QUERY_NO_ANSWER);
         *waiter_.done = false;
         return *waiter_.result;
     }

@@ -22,17 +22,17 @@ class NoticeScope {
 };
 
 void notify(const ready_meta_data& service, int service_id, vexa_req_t notice) {
+    if (service.state_callback == nullptr) return;
     service.state_callback(service_id, &notice, service.user_data);
 }
 
-template <class Wanted>
-void notify_ready_services(const vexa_req_t& notice, Wanted wanted) {
+void notify_ready_services(const vexa_req_t& notice) {
     const int service_id = current_service_id();
     std::lock_guard<std::mutex> lock(gReadyMutex);
     const NoticeScope scope;
     if (superseded()) return;
     for (const auto& [opcode, service] : gReady) {
-        if (wanted(service)) notify(service, service_id, notice);
+        notify(service, service_id, notice);
     }
 }
 
@@ -48,8 +48,7 @@ AfterMessage notify_of_state(const Json::Value& message, vexa_status_t status) {
              message["req_type"].asCString(), static_cast<int>(notice.session_id),
              notice.package.c_str(), notice.state.c_str());
     if (notice.state.find("null") != std::string::npos) return AfterMessage::kClearBuffer;
-    notify_ready_services(
-        notice, [](const ready_meta_data& service) { return service.state_callback != nullptr; });
+    notify_ready_services(notice);
     return AfterMessage::kClearBuffer;
 }
 
@@ -79,8 +78,7 @@ AfterMessage on_permission_change(const Json::Value& message) {
         static_cast<int>(notice.subsys_id), static_cast<int>(notice.session_id),
         notice.permission.c_str(), notice.package.c_str(),
         static_cast<int>(notice.permission_status));
-    // A service without a callback is not passed over: each is required to have one.
-    notify_ready_services(notice, [](const ready_meta_data&) { return true; });
+    notify_ready_services(notice);
     return AfterMessage::kClearBuffer;
 }
 

@@ -20,10 +20,21 @@ std::string ready_request(std::uint32_t service_id, std::uint32_t opcode) {
     return text;
 }
 
+void warn_of_missing_callbacks(std::uint32_t opcode, const ready_meta_data& service) {
+    if (service.state_callback == nullptr) {
+        log_line(kFailure, "Service 0x%08x has no state callback: its sessions are refused", opcode);
+    }
+    if (service.exec_callback == nullptr) {
+        log_line(kFailure, "Service 0x%08x has no exec callback: its tasks are refused", opcode);
+    }
+}
+
 // Enters the service, unless one of the opcode is there already.
 void enter_ready_service(std::uint32_t opcode, const ready_meta_data& service, Life life) {
     std::lock_guard<std::mutex> lock(gReadyMutex);
-    if (!is_over(life)) gReady.insert({opcode, service});
+    if (is_over(life) || gReady.insert({opcode, service}).second) return;
+    log_line(kFailure, "Service 0x%08x has been declared ready before: this is not answered",
+             opcode);
 }
 
 void forget_ready_service(std::uint32_t opcode, const ready_meta_data& service) {
@@ -46,6 +57,7 @@ int _vexa_svc_ready(std::uint32_t service_id, std::uint32_t opcode,
     service.state_callback = state_callback;
     service.user_data = user_data;
     service.exec_callback = exec_callback;
+    warn_of_missing_callbacks(opcode, service);
     enter_ready_service(opcode, service, life);
     if (send_in_life(request.c_str(), life) == -1) return -1;
 

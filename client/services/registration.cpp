@@ -46,7 +46,8 @@ void remove_waiter(std::uint32_t opcode, const RegsAuthMetaData& waiter) {
 // Puts the waiter where the acknowledgement finds it, unless one for the opcode is there already.
 void add_waiter(std::uint32_t opcode, const RegsAuthMetaData& waiter, Life life) {
     std::lock_guard<std::mutex> lock(gAuthMutex);
-    if (!is_over(life)) gAuth.insert({opcode, waiter});
+    if (is_over(life) || gAuth.insert({opcode, waiter}).second) return;
+    log_line(kFailure, "Service 0x%08x is being registered already: this is not answered", opcode);
 }
 
 // Returns 0 when the Manager has accepted, else -1.
@@ -74,7 +75,11 @@ int _vexa_svc_register_auth(std::uint32_t service_id, std::uint32_t opcode,
     log_line(kProgress, "VEXON service register and authenticate");
     Life life = kNoLife;
     const int refusal = check_service_id(service_id, &life);
-    if (refusal != -3 && (api_def == nullptr || token == nullptr)) return -2;
+    if (refusal != -3 && api_def == nullptr) return -2;
+    if (refusal != -3 && token == nullptr) {
+        log_line(kFailure, "Service 0x%08x cannot be registered without a token", opcode);
+        return -2;
+    }
     if (refusal != 0) return refusal;
     if (refused_where_none_may_wait(__func__)) return -1;
 

@@ -140,7 +140,9 @@ AfterMessage on_exec_task(const Json::Value& message) {
     std::lock_guard<std::mutex> lock(gReadyMutex);
     if (superseded()) return AfterMessage::kEndThread;
     const auto service = gReady.find(opcode);
-    if (service == gReady.end() || handle_exec_task(message, service->second.exec_callback) != 0) {
+    const vexon_exec_callback_t task =
+        service == gReady.end() ? nullptr : service->second.exec_callback;
+    if (task == nullptr || handle_exec_task(message, task) != 0) {
         log_line(kFailure, "Failed to handle execute task event");
     }
     return AfterMessage::kClearBuffer;
