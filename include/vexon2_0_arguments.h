@@ -42,7 +42,7 @@
 namespace vexon {
 
 /// Names for types that share their holder with another: an enum is held as an int32 is, a blob as
-/// a string is. There are no objects of these.
+/// a string is. vexon2_0_typed.h has objects of these, here there are none.
 struct Enum;
 struct Blob;
 

@@ -30,6 +30,16 @@ inline bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+// Whether `condition` holds soon.
+template <class Condition>
+bool wait_until(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kSoon;
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(5ms);
+    }
+    return condition();
+}
+
 // Calls of state callbacks, written down as "status opcode::subsystem session", and for a change
 // with its further fields.
 class StateRecorder {
@@ -44,11 +54,7 @@ class StateRecorder {
 
     // Whether the calls became these soon.
     bool wait_for(const std::vector<std::string>& calls) const {
-        const auto deadline = std::chrono::steady_clock::now() + kSoon;
-        while (this->calls() != calls && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(5ms);
-        }
-        return this->calls() == calls;
+        return wait_until([&] { return this->calls() == calls; });
     }
 
     // Has the callback run `action` for each request and return its result.
