@@ -239,9 +239,10 @@ VEXON_API int _vexa_svc_register(std::uint32_t service_id, std::uint32_t opcode,
 
 /// Declares a registered service ready and waits for the Manager's verdict.
 ///
-/// Without a `state_callback` every session is refused, and without an `exec_callback` every task is;
-/// a log line says so here. `user_data` is handed to the former, stays the caller's and is not used any more when vexa_svc_deinit()
-/// has returned. `exec_callback` runs the tasks; those that run then go on.
+/// Without a `state_callback` every session is refused, and without an `exec_callback` every task
+/// is; a log line says so here. `user_data` is handed to the former, stays the caller's and is not
+/// used any more when vexa_svc_deinit() has returned. `exec_callback` runs the tasks; those that
+/// run then go on.
 ///
 /// Returns 0 when the service is ready; -1 when the request cannot be sent, the Manager refuses or
 /// the connection ends before it has answered (by vexa_svc_deinit() of another thread, too; the
@@ -289,7 +290,8 @@ VEXON_API int vexa_log_marker(const char* text);
 
 /// Writes `text` to the log, as the library writes its own lines, if the level of the log has
 /// reached `level`: 1 for failures, 2 for anomalies, 3 for contents of messages, 4 for progress. A
-/// null `text` is nothing. Sends nothing. Any thread, also in callbacks and while the process exits.
+/// null `text` is nothing. Sends nothing. Any thread, also in callbacks and while the process
+/// exits.
 VEXON_API void vexa_log(int level, const char* text);
 
 }  // extern "C"

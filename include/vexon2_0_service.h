@@ -25,14 +25,16 @@
 /// the error as "return". Missing and wrong arguments (kBadArgument, "lamps[1].on is missing") and
 /// unknown functions (kNoFunction) are answered without the author. A function throws or returns
 /// vexon::Error; of any other exception the peer learns "internal error" (kInternal) and the log
-/// what(). A build with -fno-exceptions has no throw and no Call::require_permission(): its functions
-/// return a Result and ask Call::check_permission(). A process should not mix the two kinds.
+/// what(). A build with -fno-exceptions has no throw and no Call::require_permission(): its
+/// functions return a Result and ask Call::check_permission(). A process should not mix the two
+/// kinds.
 ///
 /// Staying in service. Whatever happens (no Manager yet, a refusal, a Manager that does not answer,
-/// restarts, hangs up or stays away), the service tries again: after Pace::first, then after twice as
-/// long each time up to Pace::longest, give or take a quarter by chance; the pause is Pace::first
-/// again after a time of Pace::longest in service. Each time everything is registered anew, and
-/// sessions of the former connection have ended. The log has a line when the reason changes.
+/// restarts, hangs up or stays away), the service tries again: after Pace::first, then after twice
+/// as long each time up to Pace::longest, give or take a quarter by chance; the pause is
+/// Pace::first again after a time of Pace::longest in service. Each time everything is registered
+/// anew, and sessions of the former connection have ended. The log has a line when the reason
+/// changes.
 ///
 /// Threads. Service and Api are built and started by one thread at a time. Functions run each on a
 /// thread of their own, several at once, and may block; on_state() says where its hook runs. Of one
@@ -111,7 +113,8 @@ class Result {
     Result(T value, std::int32_t return_value = kDone)
         : content_(std::move(value)), return_value_(return_value) {}
     /// Holds the error.
-    Result(Error error) : content_(std::move(error)), return_value_(std::get<1>(content_).value()) {}
+    Result(Error error)
+        : content_(std::move(error)), return_value_(std::get<1>(content_).value()) {}
 
     /// Returns the result, or null if there is an error.
     const T* value() const { return std::get_if<0>(&content_); }
@@ -140,8 +143,8 @@ struct Info {
     explicit operator bool() const { return outcome == Outcome::kValue; }
 };
 
-/// Asks whether a permission is granted in a session; waits 3 s at most, in a hook of a session or a
-/// change not at all (kNoAnswer). Any thread.
+/// Asks whether a permission is granted in a session; waits 3 s at most, in a hook of a session or
+/// a change not at all (kNoAnswer). Any thread.
 Permission ask_permission(std::uint32_t session, std::string_view name);
 
 /// Asks for a piece of information in the same way.
@@ -158,9 +161,9 @@ class Call {
         : api_(api), record_(record), arguments_(arguments) {}
     /// \endcond
 
-    std::uint32_t session() const { return record_.session_id; }      ///< Returns the session.
-    std::uint32_t subsystem() const { return record_.subsys_id; }     ///< Returns the subsystem.
-    std::int32_t transaction() const { return record_.transac_id; }   ///< Returns its number.
+    std::uint32_t session() const { return record_.session_id; }     ///< Returns the session.
+    std::uint32_t subsystem() const { return record_.subsys_id; }    ///< Returns the subsystem.
+    std::int32_t transaction() const { return record_.transac_id; }  ///< Returns its number.
     const std::string& function() const { return arguments_.func_name; }  ///< Returns its name.
     std::uint32_t opcode() const;  ///< Returns the opcode of the service that is called.
     bool is_stopping() const;      ///< Returns whether the service waits for functions to return.
@@ -263,9 +266,8 @@ Answer answer_of(const Result<T>& result) {
 
 template <class T>
 struct Parameter {
-    static_assert(!std::is_rvalue_reference_v<T> &&
-                      (!std::is_lvalue_reference_v<T> ||
-                       std::is_const_v<std::remove_reference_t<T>>),
+    static_assert(!std::is_rvalue_reference_v<T> && (!std::is_lvalue_reference_v<T> ||
+                                                     std::is_const_v<std::remove_reference_t<T>>),
                   "a function takes its arguments by value or by const reference");
     using Type = std::decay_t<T>;
 };
@@ -426,11 +428,10 @@ std::vector<Object> describe_arguments(const std::string* names, std::tuple<Argu
 // A function that reads its arguments by itself declares none: they are what an author's own
 // definition says.
 template <class F>
-Object describe_function(const std::string& name,
-                         const std::array<std::string, kArity<F>>& names) {
+Object describe_function(const std::string& name, const std::array<std::string, kArity<F>>& names) {
     Object description;
     description.add("name", name);
-    if constexpr (kArity<F> > 0 || !FormOf<F>::kTakesCall) {
+    if constexpr (kArity < F >> 0 || !FormOf<F>::kTakesCall) {
         using Arguments = typename FormOf<F>::Arguments;
         description.add("args", describe_arguments(names.data(), static_cast<Arguments*>(nullptr),
                                                    std::make_index_sequence<kArity<F>>()));
@@ -464,7 +465,7 @@ inline std::string hexadecimal(std::uint32_t number) {
     return std::string(digits, written.ptr);
 }
 
-inline constexpr int kFailure = 1;   // levels of vexa_log()
+inline constexpr int kFailure = 1;  // levels of vexa_log()
 inline constexpr int kProgress = 4;
 
 inline void log(int level, const std::string& text) {
@@ -479,9 +480,9 @@ class Api {
     Api(const Api&) = delete;
     Api& operator=(const Api&) = delete;
 
-    /// Adds a function with the names of its arguments, such as {"ms"}. Everything is kept; `run` is
-    /// called from several threads at once. What is wrong with the names start() tells. Returns this
-    /// object. Not to be called while the service is started.
+    /// Adds a function with the names of its arguments, such as {"ms"}. Everything is kept; `run`
+    /// is called from several threads at once. What is wrong with the names start() tells. Returns
+    /// this object. Not to be called while the service is started.
     template <std::size_t kCount, class F>
     Api& function(std::string name, const char* const (&names)[kCount], F run) {
         static_assert(internal::kArity<F> == kCount, "each argument needs a name, and only these");
@@ -569,11 +570,13 @@ class Api {
         expect_plain(name);
         for (std::size_t i = 0; i < kCount; ++i) {
             expect_plain(names[i]);
-            if (std::find(names.begin(), names.begin() + i, names[i]) == names.begin() + i) continue;
+            if (std::find(names.begin(), names.begin() + i, names[i]) == names.begin() + i)
+                continue;
             problems_.push_back(name + " has two arguments \"" + names[i] + '"');
         }
         functions_.push_back(internal::describe_function<F>(name, names));
-        auto handler = std::make_unique<internal::TypedHandler<F>>(std::move(run), std::move(names));
+        auto handler =
+            std::make_unique<internal::TypedHandler<F>>(std::move(run), std::move(names));
         if (handlers_.emplace(name, std::move(handler)).second) return;
         problems_.push_back("there are two functions \"" + name + '"');
     }
@@ -756,18 +759,17 @@ class EndingSignals {
     }
 
     static constexpr int kSignals[] = {SIGINT, SIGTERM};
-    struct sigaction former_[2] {};
+    struct sigaction former_[2]{};
     sigset_t former_mask_{};
 };
 
-inline constexpr const char* kReceiveEnds[] = {
-    "the Manager closed the connection",
-    "the Manager went away",
-    "there was no memory to receive",
-    "the Manager took the service id back",
-    "the Manager was restarted",
-    "the Manager closed the connection and stayed away",
-    "the connection was closed by this process"};
+inline constexpr const char* kReceiveEnds[] = {"the Manager closed the connection",
+                                               "the Manager went away",
+                                               "there was no memory to receive",
+                                               "the Manager took the service id back",
+                                               "the Manager was restarted",
+                                               "the Manager closed the connection and stayed away",
+                                               "the connection was closed by this process"};
 
 }  // namespace internal
 
@@ -789,8 +791,7 @@ class Service : public Api {
     /// Adds a service of another opcode, which belongs to this object. Not while it is started.
     Api& also(std::uint32_t opcode, std::string name, std::string_view token,
               std::vector<std::uint32_t> subsystems = {1}) {
-        others_.emplace_back(
-            new Api(opcode, std::move(name), token, std::move(subsystems), this));
+        others_.emplace_back(new Api(opcode, std::move(name), token, std::move(subsystems), this));
         return *others_.back();
     }
 
@@ -827,10 +828,10 @@ class Service : public Api {
         return fail("no thread can be started");
     }
 
-    /// Takes leave of the Manager, tries no more and waits for functions that run, however long they
-    /// take (Call::is_stopping() tells them); their replies are lost. Then nothing of this object is
-    /// in use and start() may follow. From a function or a hook it is request_stop(). Takes a fifth
-    /// of a second otherwise; 20 s if the Manager's queue of connections is full.
+    /// Takes leave of the Manager, tries no more and waits for functions that run, however long
+    /// they take (Call::is_stopping() tells them); their replies are lost. Then nothing of this
+    /// object is in use and start() may follow. From a function or a hook it is request_stop().
+    /// Takes a fifth of a second otherwise; 20 s if the Manager's queue of connections is full.
     void stop() {
         request_stop();
         if (!is_started_ || internal::tCalls > 0 || internal::tInHook) return;

@@ -20,8 +20,8 @@
 ///   - a std::vector of all these as vector; one of structs is an argument or part of a result, but
 ///     no member of a struct that is an argument;
 ///   - a std::optional of all these, also of a vector: it may be missing.
-/// All else does not compile, with a message that says so. A value is taken only from an argument of
-/// exactly its type: an int32 is no double.
+/// All else does not compile, with a message that says so. A value is taken only from an argument
+/// of exactly its type: an int32 is no double.
 ///
 /// Thread-safety: everything here only reads what it is given.
 
@@ -115,8 +115,9 @@ struct Wire {
                   "T cannot be an argument or a result: use an integer of 8 to 64 bits, double, "
                   "bool, std::string, vexon::Enum, vexon::Blob, an enum, a struct that has "
                   "kMembers = vexon::member_list(...), or a std::vector or std::optional of one");
-    using Integer = std::conditional_t<
-        kIsLongLong<T>, std::conditional_t<std::is_signed_v<T>, std::int64_t, std::uint64_t>, T>;
+    using Integer =
+        std::conditional_t<kIsLongLong<T>,
+                           std::conditional_t<std::is_signed_v<T>, std::int64_t, std::uint64_t>, T>;
     using Type = std::conditional_t<kHasMembers<T>, Struct,
                                     std::conditional_t<std::is_enum_v<T>, Enum, Integer>>;
 };
@@ -138,8 +139,8 @@ inline constexpr bool kIsHeld<std::optional<T>> = false;
 
 // The names of types in a definition, by their tags.
 inline constexpr const char* kTypeNames[] = {
-    "none", "uint8",  "uint16", "uint32",  "uint64", "int8",     "int16", "int32", "int64",
-    "double", "string", "boolean", "enum", "bnry_blb", "cb", "vector", "struct"};
+    "none",   "uint8",  "uint16",  "uint32", "uint64",   "int8", "int16",  "int32", "int64",
+    "double", "string", "boolean", "enum",   "bnry_blb", "cb",   "vector", "struct"};
 
 constexpr const char* type_name(vexon_data_type_t tag) {
     return tag > VEXON_TYPE_STRUCT ? "vector" : kTypeNames[tag];
@@ -202,9 +203,10 @@ bool find_held(const From& from, int key, bool may_miss, const Held<WireType<T>>
 template <class T>
 bool decode_member(const Struct& from, int key, T* decoded, std::string* fault) {
     using Value = typename Required<T>::Type;
-    static_assert(!std::is_same_v<WireType<Value>, std::vector<Struct>>,
-                  "a struct that is an argument cannot have a vector of structs as member: make the "
-                  "vector an argument of its own");
+    static_assert(
+        !std::is_same_v<WireType<Value>, std::vector<Struct>>,
+        "a struct that is an argument cannot have a vector of structs as member: make the "
+        "vector an argument of its own");
     const Held<WireType<Value>>* held = nullptr;
     if (!find_held<Value>(from, key, kIsOptional<T>, &held, fault)) return false;
     if constexpr (kIsOptional<T>) {
@@ -292,8 +294,7 @@ void describe_type(Object* description) {
     if constexpr (kVector) description->add("vec_type", element_name(kValueTag));
     if constexpr (kHasMembers<Value>) {
         static_assert((... && !std::is_same_v<Value, Around>), "a struct cannot hold its own kind");
-        description->add("members",
-                         describe_members<Value, Value, Around...>(MemberKeys<Value>()));
+        description->add("members", describe_members<Value, Value, Around...>(MemberKeys<Value>()));
     } else if constexpr (kValueTag == VEXON_TYPE_VECTOR_STRUCT) {
         using Element = typename Value::value_type;
         static_assert((... && !std::is_same_v<Element, Around>),

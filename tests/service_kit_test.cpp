@@ -141,9 +141,8 @@ TEST_F(KitTest, EveryTypeGoesInAndOut) {
         lists.u8.push_back(static_cast<std::uint8_t>(numbers.size()));
         return std::optional<Lists>(lists);
     });
-    service_.function("zones", {"zones"}, [](const std::vector<Zone>& zones) {
-        return Zones{zones};
-    });
+    service_.function("zones", {"zones"},
+                      [](const std::vector<Zone>& zones) { return Zones{zones}; });
     ASSERT_NO_FATAL_FAILURE(start_in_session());
     EXPECT_EQ(
         R"(0 0 {"u8":255,"u16":65535,"u32":4294967295,"u64":18446744073709551615,"i8":-128,)"
@@ -219,7 +218,8 @@ TEST_F(KitTest, ErrorsAreAnswers) {
     } calls[] = {
         {"subtract", R"([{"id":1,"type":"int32","value":5},{"id":0,"type":"int32","value":7}])",
          R"(0 0 {"out":2})"},
-        {"subtract", R"([{"id":0,"type":"int32","value":7}])", R"(-2 -1 {"error":"what is missing"})"},
+        {"subtract", R"([{"id":0,"type":"int32","value":7}])",
+         R"(-2 -1 {"error":"what is missing"})"},
         {"subtract", "[]", R"(-2 -1 {"error":"from is missing"})"},
         {"subtract", R"([{"id":0,"type":"uint8","value":7},{"id":1,"type":"int32","value":5}])",
          R"(-2 -1 {"error":"from is uint8 instead of int32"})"},
@@ -239,7 +239,8 @@ TEST_F(KitTest, ErrorsAreAnswers) {
         {"lamps", zones(kName), R"(-2 -1 {"error":"lamps[1].on is missing"})"},
         {"lamps", zones(R"({"id":0,"type":"enum","value":0})"),
          R"(-2 -1 {"error":"lamps[1].name is enum instead of string"})"},
-        {"lamps", '[' + kZone + "]}]", R"(-2 -1 {"error":"lamps is struct instead of vector of struct"})"},
+        {"lamps", '[' + kZone + "]}]",
+         R"(-2 -1 {"error":"lamps is struct instead of vector of struct"})"},
         {"lamp", '[' + kZone + kName + "]}]", R"(-2 -1 {"error":"lamp.on is missing"})"},
         {"throws", R"([{"id":0,"type":"string","value":"error"}])",
          R"(-77 -1 {"error":"no \"such\" thing"})"},
@@ -332,7 +333,10 @@ TEST_F(KitTest, MistakesEndTheStartAndSayWhere) {
          "there are two functions \"scan\""},
         {"no name", [](auto* s) { s->function("", [] {}); }, "the name \"\" is empty or"},
         {"quote", [](auto* s) { s->function("a", {"b\"c"}, [](int) {}); }, "the name \"b\"c\""},
-        {"argument twice", [](auto* s) { s->function("a", {"b", "b"}, [](int, int) {}); },
+        {"argument twice",
+         [](auto* s) {
+             s->function("a", {"b", "b"}, [](int, int) {});
+         },
          "a has two arguments \"b\""},
         {"opcode twice", [](auto* s) { s->also(kOpcode, "other", ""); },
          "two services have the opcode 0x1a"},
@@ -343,9 +347,11 @@ TEST_F(KitTest, MistakesEndTheStartAndSayWhere) {
          "function x is not in the service"},
         {"opcode", defines(defined(kScan, "1b")),
          "opcode is \"27\" in the definition, \"26\" in the service"},
-        {"type", defines(defined(R"({"name":"scan","args":[{"id":0,"name":"ms","type":"int32"}]})")),
+        {"type",
+         defines(defined(R"({"name":"scan","args":[{"id":0,"name":"ms","type":"int32"}]})")),
          R"(scan.ms: type is "int32" in the definition, "uint32" in the service)"},
-        {"name", defines(defined(R"({"name":"scan","args":[{"id":0,"name":"m","type":"uint32"}]})")),
+        {"name",
+         defines(defined(R"({"name":"scan","args":[{"id":0,"name":"m","type":"uint32"}]})")),
          R"(scan.ms: name is "m" in the definition, "ms" in the service)"},
         {"id", defines(defined(R"({"name":"scan","args":[{"id":3,"name":"ms","type":"uint32"}]})")),
          R"(scan.ms: id is "3" in the definition, "0" in the service)"},
@@ -446,7 +452,8 @@ TEST_F(KitTest, QuestionsSayWhatBecameOfThem) {
     manager_.set_drop(Step::Permission, false);
     manager_.grant("NEEDED");
     send_call("need");
-    EXPECT_TRUE(wait_until([&] { return unsent == static_cast<int>(vexon::Info::Outcome::kNotSent); }));
+    EXPECT_TRUE(
+        wait_until([&] { return unsent == static_cast<int>(vexon::Info::Outcome::kNotSent); }));
 }
 
 // ---- Staying in service
@@ -478,8 +485,8 @@ std::vector<Trouble> troubles() {
         {"InitDropped", drop(Step::Init, true), drop(Step::Init, false), "does not answer"},
         {"AuthDropped", drop(Step::Auth, true), drop(Step::Auth, false), "does not answer"},
         {"ReadyDropped", drop(Step::Ready, true), drop(Step::Ready, false), "does not answer"},
-        {"NotReading", [](auto* m) { m->set_reading(false); }, [](auto* m) { m->set_reading(true); },
-         "does not answer"},
+        {"NotReading", [](auto* m) { m->set_reading(false); },
+         [](auto* m) { m->set_reading(true); }, "does not answer"},
     };
 }
 
@@ -607,7 +614,9 @@ TEST_F(KitTest, AFunctionMayStopAndAnotherServiceFollow) {
 }
 
 TEST_F(KitTest, SignalsEndRunAndIgnoredOnesDoNot) {
-    const auto run = [this] { return std::async(std::launch::async, [this] { return service_.run(); }); };
+    const auto run = [this] {
+        return std::async(std::launch::async, [this] { return service_.run(); });
+    };
     for (const int number : {SIGINT, SIGTERM}) {
         SCOPED_TRACE(number);
         ::signal(number, SIG_IGN);

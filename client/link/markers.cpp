@@ -1,4 +1,5 @@
-// vexa_log_marker() and vexa_log(): texts for whoever reads the log or traces the Manager. Any thread.
+// vexa_log_marker() and vexa_log(): texts for whoever reads the log or traces the Manager. Any
+// thread.
 
 #include <android/log.h>
 

@@ -22,7 +22,8 @@ std::string ready_request(std::uint32_t service_id, std::uint32_t opcode) {
 
 void warn_of_missing_callbacks(std::uint32_t opcode, const ready_meta_data& service) {
     if (service.state_callback == nullptr) {
-        log_line(kFailure, "Service 0x%08x has no state callback: its sessions are refused", opcode);
+        log_line(kFailure, "Service 0x%08x has no state callback: its sessions are refused",
+                 opcode);
     }
     if (service.exec_callback == nullptr) {
         log_line(kFailure, "Service 0x%08x has no exec callback: its tasks are refused", opcode);
