@@ -288,10 +288,10 @@ VEXON_API void vexa_svc_on_receive_end(vexa_receive_end_callback_t callback, voi
 /// null pointer. May block while the Manager does not read.
 VEXON_API int vexa_log_marker(const char* text);
 
-/// Writes `text` to the log, as the library writes its own lines, if the level of the log has
-/// reached `level`: 1 for failures, 2 for anomalies, 3 for contents of messages, 4 for progress. A
-/// null `text` is nothing. Sends nothing. Any thread, also in callbacks and while the process
-/// exits.
+/// Writes `text` to the log, as the library writes its own lines, if the level of the log, which is
+/// 0 before vexa_svc_init(), has reached `level`: 0 for what is always written, 1 for failures, 2
+/// for anomalies, 3 for contents of messages, 4 for progress. A null `text` is nothing. Sends
+/// nothing. Any thread, also in callbacks and while the process exits.
 VEXON_API void vexa_log(int level, const char* text);
 
 }  // extern "C"
@@ -399,12 +399,12 @@ VEXON_API std::string vector_to_string_with_quotes(std::vector<std::string> text
 // Definitions
 
 /// Compares an author's `definition` with the one that was `made` from the functions of a service,
-/// both NUL-terminated JSON text in the form of docs/protocol.md and not null: opcode, name,
-/// subsystems, functions, arguments with all members, results if `definition` has any.
+/// both JSON text in the form of docs/protocol.md: opcode, name, subsystems, functions, arguments
+/// with all members, results if `definition` has any.
 ///
 /// Returns a line for each mismatch that names the place; nothing if they agree. Any thread.
-VEXON_API std::vector<std::string> vexa_definition_mismatches(const char* definition,
-                                                              const char* made);
+VEXON_API std::vector<std::string> vexa_definition_mismatches(const std::string& definition,
+                                                              const std::string& made);
 
 // ---------------------------------------------------------------------------------------------
 // Conversions of texts. None throws. Each returns 0; on failure it returns -1 and leaves `out`

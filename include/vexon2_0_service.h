@@ -465,6 +465,7 @@ inline std::string hexadecimal(std::uint32_t number) {
     return std::string(digits, written.ptr);
 }
 
+inline constexpr int kAlways = 0;
 inline constexpr int kFailure = 1;  // levels of vexa_log()
 inline constexpr int kProgress = 4;
 
@@ -596,7 +597,7 @@ class Api {
         std::vector<std::string> problems = problems_;
         if (own_definition_.empty()) return problems;
         for (const std::string& mismatch :
-             vexa_definition_mismatches(own_definition_.c_str(), made_definition().c_str())) {
+             vexa_definition_mismatches(own_definition_, made_definition())) {
             problems.push_back(mismatch);
         }
         return problems;
@@ -799,7 +800,8 @@ class Service : public Api {
     /// nothing. The result counts for kSessionStart. It is called for one event at a time, on the
     /// receive thread for what the Manager says, else on a thread of this object. While it runs no
     /// task is started, so it has to be short; of this object it may only call request_stop().
-    /// Exceptions are logged and refuse the session. Not while it is started.
+    /// Exceptions are logged and refuse the session. What it refers to has to outlive stop(), which
+    /// it is told of: make the Service last. Not while it is started.
     template <class Hook>
     void on_state(Hook hook) {
         hook_ = [hook = std::move(hook)](const Event& event) mutable {
@@ -834,7 +836,7 @@ class Service : public Api {
     /// Takes a fifth of a second otherwise; 20 s if the Manager's queue of connections is full.
     void stop() {
         request_stop();
-        if (!is_started_ || internal::tCalls > 0 || internal::tInHook) return;
+        if (internal::tCalls > 0 || internal::tInHook || !is_started_) return;
         pthread_join(supervisor_, nullptr);
         release();
         is_started_ = false;
@@ -883,7 +885,7 @@ class Service : public Api {
 
     bool fail(const std::string& why) {
         error_ += (error_.empty() ? "" : "; ") + why;
-        internal::log(internal::kFailure, "Service " + name_ + " cannot start: " + why);
+        internal::log(internal::kAlways, "Service " + name_ + " cannot start: " + why);
         return false;
     }
 

@@ -21,5 +21,5 @@ int vexa_log_marker(const char* text) {
 }
 
 void vexa_log(int level, const char* text) {
-    if (text != nullptr) log_line(static_cast<LogLevel>(level), "%s", text);
+    if (text != nullptr) log_line(level <= 0 ? kAlways : static_cast<LogLevel>(level), "%s", text);
 }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "client/utility/json_access.h"
 
@@ -115,16 +114,17 @@ void compare_services(const Json::Value& defined, const Json::Value& made, Texts
     compare_functions(member(defined, "functions"), member(made, "functions"), mismatches);
 }
 
-Json::Value parse(const char* text) {
+Json::Value parse(const std::string& text) {
     Json::Value root;
     std::string error;
-    if (JsonReader().parse(text, text + std::strlen(text), &root, &error)) return root;
+    if (JsonReader().parse(text.data(), text.data() + text.size(), &root, &error)) return root;
     throw MalformedMessage(error);
 }
 
 }  // namespace
 
-std::vector<std::string> vexa_definition_mismatches(const char* definition, const char* made) {
+std::vector<std::string> vexa_definition_mismatches(const std::string& definition,
+                                                    const std::string& made) {
     Texts mismatches;
     try {
         const Json::Value defined = parse(definition);
