@@ -11,7 +11,7 @@
 #include <string>
 
 #include "fuzz/oracle.h"
-#include "manager/json.h"
+#include "manager/base/json.h"
 #include "tests/interposing.h"
 
 extern "C" [[gnu::weak]] decltype(pthread_create) __interceptor_pthread_create;

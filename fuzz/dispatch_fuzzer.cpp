@@ -15,8 +15,8 @@
 #include "fuzz/client_edge.h"
 #include "fuzz/json_mutator.h"
 #include "fuzz/oracle.h"
-#include "manager/Manager.h"
-#include "manager/json.h"
+#include "manager/base/json.h"
+#include "manager/simulation/Manager.h"
 #include "private_dev/enter_private_dev.h"
 
 namespace {

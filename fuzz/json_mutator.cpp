@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "fuzz/oracle.h"
-#include "manager/json.h"
+#include "manager/base/json.h"
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t max_size);
 

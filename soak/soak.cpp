@@ -17,8 +17,8 @@
 #include <numeric>
 
 #include "contract.h"
-#include "manager/Manager.h"
-#include "manager/latencies.h"
+#include "manager/calls/latencies.h"
+#include "manager/simulation/Manager.h"
 #include "private_dev/enter_private_dev.h"
 
 namespace soak {

@@ -1,4 +1,4 @@
-#include "manager/Manager.h"
+#include "manager/simulation/Manager.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -10,10 +10,10 @@
 #include <future>
 #include <sstream>
 
-#include "manager/commands.h"
-#include "manager/completion.h"
-#include "manager/json_lines.h"
-#include "manager/replay.h"
+#include "manager/commands/commands.h"
+#include "manager/console/json_lines.h"
+#include "manager/prompt/completion.h"
+#include "manager/recording/replay.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "captured_log.h"
-#include "manager/Manager.h"
+#include "manager/simulation/Manager.h"
 
 using namespace std::chrono_literals;
 

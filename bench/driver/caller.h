@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "manager/file_descriptor.h"
+#include "manager/base/file_descriptor.h"
 #include "message.h"
 
 namespace bench {

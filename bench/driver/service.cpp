@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "manager/Manager.h"
-#include "manager/packet_socket.h"
+#include "manager/simulation/Manager.h"
+#include "manager/simulation/packet_socket.h"
 
 namespace bench {
 namespace {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "driver/caller.h"
-#include "manager/file_descriptor.h"
+#include "manager/base/file_descriptor.h"
 
 namespace bench {
 

@@ -8,12 +8,12 @@
 #include <iostream>
 #include <optional>
 
-#include "manager/Manager.h"
-#include "manager/console.h"
-#include "manager/interruption.h"
-#include "manager/prompt.h"
-#include "manager/replay.h"
-#include "manager/script.h"
+#include "manager/console/console.h"
+#include "manager/console/interruption.h"
+#include "manager/prompt/prompt.h"
+#include "manager/prompt/script.h"
+#include "manager/recording/replay.h"
+#include "manager/simulation/Manager.h"
 
 namespace {
 

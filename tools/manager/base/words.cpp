@@ -1,0 +1,123 @@
+#include "manager/base/words.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+
+namespace manager {
+namespace {
+
+constexpr std::string_view kBlanks = " \t\r";
+
+std::optional<std::uint64_t> parse_number(std::string_view text, int base, std::uint64_t max) {
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    const bool complete = error == std::errc() && end == text.data() + text.size();
+    if (!complete || number > max) return std::nullopt;
+    return number;
+}
+
+/// The size of the JSON value that `text` begins with, npos if it does not end in `text`.
+std::size_t json_size(std::string_view text) {
+    int depth = 0;
+    bool in_string = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (in_string && c == '\\') {
+            ++i;
+        } else if (c == '"') {
+            in_string = !in_string;
+        } else if (!in_string && (c == '[' || c == '{')) {
+            ++depth;
+        } else if (!in_string && (c == ']' || c == '}') && --depth == 0) {
+            return i + 1;
+        }
+    }
+    return std::string_view::npos;
+}
+
+}  // namespace
+
+bool Words::at_end() {
+    rest_.remove_prefix(std::min(rest_.find_first_not_of(kBlanks), rest_.size()));
+    return rest_.empty();
+}
+
+char Words::peek() {
+    return at_end() ? '\0' : rest_.front();
+}
+
+bool Words::at_option() {
+    return !at_end() && rest_.substr(0, 2) == "--";
+}
+
+void Words::require(const char* what) {
+    if (at_end()) throw BadCommand(fmt::format("{} is missing", what));
+}
+
+std::string Words::take(std::size_t size) {
+    std::string taken(rest_.substr(0, size));
+    rest_.remove_prefix(taken.size());
+    return taken;
+}
+
+std::string Words::word(const char* what) {
+    require(what);
+    return take(rest_.find_first_of(kBlanks));
+}
+
+std::string Words::delimited(const char* what) {
+    require(what);
+    const char delimiter = rest_.front();
+    std::string text;
+    std::size_t i = 1;
+    for (; i < rest_.size() && rest_[i] != delimiter; ++i) {
+        if (rest_[i] == '\\' && i + 1 < rest_.size() && rest_[i + 1] == delimiter) ++i;
+        text += rest_[i];
+    }
+    const bool closed = i < rest_.size();
+    if (!closed) throw BadCommand(fmt::format("{} has no closing {}", what, delimiter));
+    rest_.remove_prefix(i + 1);
+    if (!rest_.empty() && kBlanks.find(rest_.front()) == std::string_view::npos) {
+        throw BadCommand(fmt::format(
+            "a blank must follow the closing {} of {}; a text that holds {} goes between other "
+            "quotes",
+            delimiter, what, delimiter));
+    }
+    return text;
+}
+
+std::string Words::json_array(const char* what) {
+    require(what);
+    const std::size_t size = json_size(rest_);
+    if (rest_.front() != '[' || size == std::string_view::npos) {
+        throw BadCommand(fmt::format("{} must be a complete JSON array, not {}", what, rest_));
+    }
+    return take(size);
+}
+
+std::string Words::rest(const char* what) {
+    require(what);
+    return take(rest_.size());
+}
+
+void Words::end() {
+    if (!at_end()) throw BadCommand(fmt::format("\"{}\" is too much", rest_));
+}
+
+std::uint64_t parse_decimal(std::string_view text, const char* what, std::uint64_t max) {
+    if (const auto number = parse_number(text, 10, max)) return *number;
+    throw BadCommand(
+        fmt::format("{} must be a decimal number up to {}, not \"{}\"", what, max, text));
+}
+
+std::uint64_t parse_hexadecimal(std::string_view text, const char* what, std::uint64_t max) {
+    const bool prefixed = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
+    if (const auto number = parse_number(prefixed ? text.substr(2) : text, 16, max)) return *number;
+    throw BadCommand(
+        fmt::format("{} must be a hexadecimal number up to {:x}, not \"{}\"", what, max, text));
+}
+
+}  // namespace manager

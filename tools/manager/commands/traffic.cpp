@@ -1,0 +1,51 @@
+#include "manager/commands/arguments.h"
+#include "manager/commands/parsers.h"
+#include "manager/recording/replay.h"
+
+namespace manager {
+namespace {
+
+constexpr std::array<Option<ReplayOptions>, 2> kReplayOptions{{
+    {"--timeout",
+     [](Words& words, ReplayOptions& options) {
+         options.timeout = take_milliseconds(words, "--timeout");
+     }},
+    {"--ignore",
+     [](Words& words, ReplayOptions& options) {
+         options.ignored.insert(take_text(words, "--ignore"));
+     }},
+}};
+
+}  // namespace
+
+Action parse_record(Words& words) {
+    if (words.at_end()) {
+        return [](CommandContext& context) { context.traffic.recorder.stop(); };
+    }
+    return [file = take_text(words, "FILE")](CommandContext& context) {
+        context.traffic.recorder.start(file);
+    };
+}
+
+Action parse_replay(Words& words) {
+    ReplayOptions options;
+    take_options(words, kReplayOptions, options);
+    const std::string file = take_text(words, "FILE");
+    take_options(words, kReplayOptions, options);
+    return [file, options](CommandContext& context) { Replay(file, options, context).run(); };
+}
+
+Action parse_summary(Words&) {
+    return [](CommandContext& context) { show_calls(context); };
+}
+
+void show_calls(CommandContext& context) {
+    CallStatistics& calls = context.traffic.calls;
+    if (context.console.format() == Format::Json) {
+        context.console.event("summary", "\"functions\":" + calls.json());
+    } else {
+        context.console.line(calls.table());
+    }
+}
+
+}  // namespace manager

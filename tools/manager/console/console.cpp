@@ -1,0 +1,142 @@
+#include "manager/console/console.h"
+
+#include <fmt/chrono.h>
+#include <fmt/color.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+
+#include "manager/console/json_lines.h"
+
+namespace manager {
+namespace {
+
+using std::chrono::system_clock;
+
+constexpr char kClearLine[] = "\r\x1b[K";
+
+bool wants_colour(int fd) {
+    return isatty(fd) != 0 && std::getenv("NO_COLOR") == nullptr;
+}
+
+std::string time_text(system_clock::time_point time) {
+    const auto since_epoch =
+        std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
+    return fmt::format("{:%H:%M:%S}.{:03}", fmt::localtime(system_clock::to_time_t(time)),
+                       since_epoch.count() % 1000);
+}
+
+bool is_control(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+std::string arrow(Direction direction, bool coloured) {
+    const bool incoming = direction == Direction::FromClient;
+    std::string text = incoming ? "<-" : "->";
+    if (!coloured) return text;
+    return fmt::format(fg(incoming ? fmt::terminal_color::cyan : fmt::terminal_color::green), "{}",
+                       text);
+}
+
+}  // namespace
+
+std::string one_line(const std::string& text) {
+    std::string result;
+    result.reserve(text.size());
+    for (const char c : text) {
+        if (c == '\n') {
+            result += "\\n";
+        } else if (is_control(c)) {
+            result += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+        } else {
+            result += c;
+        }
+    }
+    return result;
+}
+
+bool shows_on_terminal() {
+    const char* const terminal = std::getenv("TERM");
+    const std::string_view name = terminal == nullptr ? "" : terminal;
+    return isatty(STDOUT_FILENO) != 0 && !name.empty() && name != "dumb";
+}
+
+Console::Console(bool show_packets, Format format)
+    : show_packets_(show_packets),
+      format_(format),
+      is_terminal_(shows_on_terminal() && format == Format::Text),
+      colour_output_(wants_colour(STDOUT_FILENO)),
+      colour_errors_(wants_colour(STDERR_FILENO)) {}
+
+void Console::packet(const Packet& packet) {
+    if (!show_packets_) return;
+    const std::lock_guard lock(mutex_);
+    if (!status_.empty()) return;
+    print(stdout,
+          format_ == Format::Json
+              ? json_line(packet)
+              : fmt::format("{} client {} {} {}", time_text(packet.wall_time), packet.client,
+                            arrow(packet.direction, colour_output_), one_line(packet.text)));
+}
+
+void Console::connection(const ConnectionChange& change) {
+    if (!show_packets_) return;
+    const std::lock_guard lock(mutex_);
+    print(stdout,
+          format_ == Format::Json
+              ? json_line(change)
+              : fmt::format("{} client {} {}", time_text(change.wall_time), change.client,
+                            change.change == Change::Connected ? "connected" : "disconnected"));
+}
+
+void Console::report(const std::string& text, const std::string& name, const std::string& members) {
+    line(text);
+    event(name, members);
+}
+
+void Console::event(const std::string& name, const std::string& members) {
+    if (format_ != Format::Json) return;
+    const std::lock_guard lock(mutex_);
+    print(stdout, json_line(name, members));
+}
+
+void Console::line(const std::string& text) {
+    if (format_ != Format::Text) return;
+    const std::lock_guard lock(mutex_);
+    print(stdout, text);
+}
+
+void Console::error(const std::string& text) {
+    const std::lock_guard lock(mutex_);
+    print(stderr, colour_errors_ ? fmt::format(fg(fmt::terminal_color::red), "{}", text) : text);
+}
+
+void Console::set_status(std::string text) {
+    const std::lock_guard lock(mutex_);
+    if (!is_terminal_) return;
+    status_ = std::move(text);
+    put(stdout, kClearLine + status_);
+}
+
+void Console::print(std::FILE* stream, const std::string& text) {
+    const bool has_footer = redraw_ || !status_.empty();
+    if (has_footer) put(stdout, kClearLine);
+    put(stream, text + '\n');
+    if (redraw_) redraw_();
+    if (!status_.empty()) put(stdout, status_);
+}
+
+void Console::put(std::FILE* stream, const std::string& text) {
+    if (broken_) return;
+    const bool written = std::fputs(text.c_str(), stream) >= 0 && std::fflush(stream) == 0;
+    if (written || errno != EPIPE) return;
+    broken_ = true;
+    if (broken_output_) broken_output_();
+}
+
+}  // namespace manager

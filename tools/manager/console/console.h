@@ -1,0 +1,81 @@
+// What the program shows. Thread-safety: every member of Console may be called from any thread.
+#pragma once
+
+#include <cstdio>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "manager/simulation/packet.h"
+
+namespace manager {
+
+/// The text with its control characters escaped, so that it shows as one line.
+std::string one_line(const std::string& text);
+
+/// Whether standard output is a terminal on which the cursor can be moved.
+bool shows_on_terminal();
+
+/// What standard output is for: people, or programs, which get a JSON object on each line.
+enum class Format { Text, Json };
+
+/// Prints whole lines, and keeps what stands below them on a terminal (a prompt, a status) there.
+class Console {
+  public:
+    /// `show_packets` is whether packet() and connection() print. Colours only terminals, and none
+    /// if the environment has NO_COLOR.
+    explicit Console(bool show_packets, Format format = Format::Text);
+
+    Format format() const { return format_; }
+
+    /// Print to standard output; a packet is always one line. While a status is shown no packet is.
+    void packet(const Packet& packet);
+    void connection(const ConnectionChange& change);
+
+    /// Prints what a command found out: `text`, or the event with these members as json_line()
+    /// takes them.
+    void report(const std::string& text, const std::string& event, const std::string& members);
+
+    /// Prints only as JSON, or only as text.
+    void event(const std::string& event, const std::string& members);
+    void line(const std::string& text);
+
+    /// Prints a line to standard error.
+    void error(const std::string& text);
+
+    /// Shows the text below the lines if standard output is a terminal; an empty one removes it.
+    void set_status(std::string text);
+
+    /// Has `report` called, once, when nobody reads standard output any more. Nothing is printed
+    /// from then on. It must not call the console.
+    void set_broken_output(std::function<void()> report) { broken_output_ = std::move(report); }
+
+    /// Whether it has been, or would have been.
+    bool is_broken() {
+        const std::lock_guard lock(mutex_);
+        return broken_;
+    }
+
+    /// While the lock is held nothing is printed; `redraw`, called under it after a line, shows the
+    /// prompt again. An empty function means there is no prompt.
+    std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex_); }
+    void set_redraw(std::function<void()> redraw) { redraw_ = std::move(redraw); }
+
+  private:
+    // The caller holds the lock.
+    void print(std::FILE* stream, const std::string& text);
+    void put(std::FILE* stream, const std::string& text);
+
+    const bool show_packets_;
+    const Format format_;
+    const bool is_terminal_;
+    const bool colour_output_;
+    const bool colour_errors_;
+    std::mutex mutex_;
+    bool broken_ = false;
+    std::string status_;
+    std::function<void()> redraw_;
+    std::function<void()> broken_output_;
+};
+
+}  // namespace manager

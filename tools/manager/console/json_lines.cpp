@@ -1,0 +1,75 @@
+#include "manager/console/json_lines.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <json/writer.h>
+
+#include <algorithm>
+
+#include "manager/base/json.h"
+#include "manager/base/utf8.h"
+
+namespace manager {
+namespace {
+
+using std::chrono::steady_clock;
+using std::chrono::system_clock;
+
+std::string line(steady_clock::time_point time, system_clock::time_point wall_time,
+                 const std::string& event, const std::string& members) {
+    using Seconds = std::chrono::duration<double>;
+    const auto wall =
+        std::chrono::duration_cast<std::chrono::microseconds>(wall_time.time_since_epoch());
+    return fmt::format(
+        R"({{"time":"{:%Y-%m-%dT%H:%M:%S}.{:06}Z","monotonic":{:.9f},"event":"{}"{}{}}})",
+        fmt::gmtime(system_clock::to_time_t(wall_time)), wall.count() % 1'000'000,
+        Seconds(time.time_since_epoch()).count(), event, members.empty() ? "" : ",", members);
+}
+
+/// Line ends outside strings, the only ones that strict JSON has, are no more than blanks.
+std::string without_line_ends(std::string json) {
+    std::replace_if(
+        json.begin(), json.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+    return json;
+}
+
+std::string content(const std::string& text) {
+    if (is_strict_json(text)) return "\"message\":" + without_line_ends(text);
+    const std::string member = "\"text\":" + json_text(text);
+    if (is_utf8(text)) return member;
+    std::string hex;
+    for (const char c : text) hex += fmt::format("{:02x}", static_cast<unsigned char>(c));
+    return member + ",\"hex\":\"" + hex + '"';
+}
+
+}  // namespace
+
+std::string json_text(const std::string& text) {
+    Json::StreamWriterBuilder builder;
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, replace_invalid_utf8(text));
+}
+
+std::string json_line(const Packet& packet) {
+    const bool incoming = packet.direction == Direction::FromClient;
+    return line(packet.time, packet.wall_time, "packet",
+                fmt::format(R"("client":{},"direction":"{}",{})", packet.client,
+                            incoming ? "from_client" : "to_client", content(packet.text)));
+}
+
+std::string json_line(const ConnectionChange& change) {
+    const int client = change.client;
+    if (change.change == Change::Connected) {
+        return line(change.time, change.wall_time, "connected",
+                    fmt::format(R"("client":{})", client));
+    }
+    return line(change.time, change.wall_time, "disconnected",
+                fmt::format(R"("client":{},"by":"{}")", client,
+                            change.change == Change::Left ? "client" : "manager"));
+}
+
+std::string json_line(const std::string& event, const std::string& members) {
+    return line(steady_clock::now(), system_clock::now(), event, members);
+}
+
+}  // namespace manager

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <histedit.h>
+
+#include <memory>
+
+#include "manager/console/console.h"
+#include "manager/prompt/line_source.h"
+
+namespace manager {
+
+/// The lines a user edits on the terminal, with a history. Lines that the console prints meanwhile
+/// appear above the prompt.
+class Prompt : public LineSource {
+  public:
+    /// Both must outlive this object.
+    Prompt(Console& console, const Interruption& interruption);
+
+    std::optional<std::string> next() override;
+
+  private:
+    static int read_character(EditLine* editor, wchar_t* character);
+    int read_character(wchar_t& character);
+    void remember(const char* line);
+    static unsigned char complete(EditLine* editor, int key);
+
+    Console& console_;
+    const Interruption& interruption_;
+    std::unique_ptr<History, void (*)(History*)> history_;
+    std::unique_ptr<EditLine, void (*)(EditLine*)> editor_;
+    /// Held while the editor draws, released while it waits for a key.
+    std::unique_lock<std::mutex> console_lock_;
+};
+
+}  // namespace manager

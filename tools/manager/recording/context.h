@@ -1,0 +1,29 @@
+// What commands and replays share: the Manager, the console and what follows the conversation.
+#pragma once
+
+#include <stdexcept>
+
+#include "manager/console/console.h"
+#include "manager/console/interruption.h"
+#include "manager/recording/traffic.h"
+#include "manager/simulation/Manager.h"
+
+namespace manager {
+
+/// What commands and replays work on.
+struct CommandContext {
+    SimulatedManager& manager;
+    Console& console;
+    const Interruption& interruption;
+    Traffic& traffic;
+    /// Set by the command that ends the program.
+    bool quit = false;
+};
+
+/// A command or a replay did not do what it is for; what() says what was expected.
+class CommandFailed : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+}  // namespace manager

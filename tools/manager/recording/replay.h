@@ -1,0 +1,93 @@
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "manager/recording/context.h"
+#include "manager/recording/likeness.h"
+#include "manager/recording/recording.h"
+
+namespace manager {
+
+struct ReplayOptions {
+    /// How long to wait for each packet, connection and end of a connection.
+    std::chrono::milliseconds timeout = std::chrono::seconds(5);
+    /// The names of the members that need not be the same.
+    std::set<std::string> ignored = varying_members();
+};
+
+/// Plays the Manager's side of a recorded conversation. While the object lives, the Manager answers
+/// nothing by itself. Not thread-safe.
+///
+/// Packets are sent in the order of the recording, each after those that clients had sent before it
+/// have come. What comes from a client may come in another order than it was recorded in. Clients
+/// are told apart by the order in which they connect; one that was connected already when the
+/// recording began stands for one that is connected already when this object is made, or else for
+/// the next one. A query is answered with its own "QueryId".
+class Replay {
+  public:
+    /// Takes over from the Manager's own answers. Throws as read_recording() does. The context must
+    /// outlive this object.
+    Replay(const std::string& file, ReplayOptions options, CommandContext& context);
+    ~Replay();
+    Replay(const Replay&) = delete;
+    Replay& operator=(const Replay&) = delete;
+
+    /// Plays it, once. Throws CommandFailed, naming the line of the recording, when what was
+    /// recorded does not come, comes differently, or when something came that was not recorded.
+    void run();
+
+  private:
+    using Kind = RecordedEvent::Kind;
+    struct Client {
+        int number;
+        bool connected = true;
+        /// What came from it and has not been found in the recording yet.
+        std::deque<std::string> packets = {};
+    };
+
+    void play(const RecordedEvent& event);
+    void connect(const RecordedEvent& event);
+    void receive(const RecordedEvent& event);
+    void send(const RecordedEvent& event);
+    void await_end(const RecordedEvent& event);
+    bool take_same(Client& client, const RecordedEvent& event);
+    std::string missing(const Client& client, const RecordedEvent& event) const;
+    void remember_query(const RecordedEvent& event, const std::string& came);
+
+    /// Waits until `done()`, or throws CommandFailed with what `complaint()` returns.
+    template <typename Done, typename Complaint>
+    void await(const RecordedEvent& event, Done done, Complaint complaint);
+    void note_all();
+    void note(const EventQueue::Event& event);
+    void note(const Packet& packet);
+    void note(const ConnectionChange& change);
+    Client& client_of(const RecordedEvent& event);
+    void forget_newcomer(int number);
+    Client* find(int number);
+    void require_nothing_left();
+    [[noreturn]] void fail(const RecordedEvent& event, const std::string& reason) const;
+
+    const std::string file_;
+    const ReplayOptions options_;
+    CommandContext& context_;
+    const std::vector<RecordedEvent> events_;
+    /// The clients that nobody in the recording stands for yet, in the order they connected: those
+    /// from before the replay, and the others.
+    std::deque<int> present_;
+    std::deque<int> newcomers_;
+    std::map<int, Client> clients_;
+    /// Who in the recording is which client.
+    std::map<int, int> numbers_;
+    /// The "QueryId" now, as text, by client and "QueryId" in the recording.
+    std::map<std::pair<int, std::string>, std::string> queries_;
+    std::size_t sent_ = 0;
+    std::size_t received_ = 0;
+};
+
+}  // namespace manager

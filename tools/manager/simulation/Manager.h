@@ -1,0 +1,221 @@
+// The simulated Manager: what service processes talk to where there is no device.
+//
+// Thread-safety: every member of SimulatedManager may be called from any thread at any time, but
+// not from an observer or a matcher, since these run while the Manager is locked. A waiting call
+// blocks only its own thread. expect() has one cursor for all callers, so one thread at a time
+// should use it.
+#pragma once
+
+#include <poll.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "manager/base/error.h"
+#include "manager/base/file_descriptor.h"
+#include "manager/simulation/answers.h"
+#include "manager/simulation/connected_client.h"
+#include "manager/simulation/delayed_answers.h"
+#include "manager/simulation/listening_socket.h"
+#include "manager/simulation/matcher.h"
+#include "manager/simulation/messages.h"
+#include "manager/simulation/opcode_routes.h"
+#include "manager/simulation/packet_log.h"
+#include "manager/simulation/replies.h"
+#include "manager/simulation/requests.h"
+
+namespace manager {
+
+constexpr char kDefaultPath[] = "/dev/socket/vexa";
+constexpr char kDedicatedPath[] = "/dev/socket/vexon_one/vexa_one";
+
+/// Listens at a path, answers the requests of the clients that connect, sends them packets and
+/// keeps a log of every packet.
+class SimulatedManager {
+  public:
+    using PacketObserver = std::function<void(const Packet&)>;
+    using ConnectionObserver = std::function<void(const ConnectionChange&)>;
+    /// How long a call waits at most; counted on the monotonic clock, up to 24 hours.
+    using Timeout = std::chrono::milliseconds;
+
+    explicit SimulatedManager(std::string path = kDefaultPath);
+    /// Stops. No other call may be under way.
+    ~SimulatedManager();
+    SimulatedManager(const SimulatedManager&) = delete;
+    SimulatedManager& operator=(const SimulatedManager&) = delete;
+
+    /// Listens at the path and serves clients on a thread of its own; nothing if running already.
+    /// A Manager that was stopped starts like a new one: the ids of its services follow on
+    /// `last_service`, no opcode is authenticated. The log, the cursor of expect(), the numbering
+    /// of clients and transactions and the rules of the answers go on. Throws ManagerError if it
+    /// cannot listen.
+    void start(std::int64_t last_service = 0);
+
+    /// Closes all connections as close_clients() does, removes the socket file and wakes waiting
+    /// calls, which report that nothing came; nothing if not running. Waits for the thread to end.
+    void stop(Ending ending = Ending::Orderly);
+
+    /// Has the observers called, in the order of the log, with each packet and with each client
+    /// that connects or is disconnected. They run on the thread that received or sent, one at a
+    /// time, and must not call the Manager. Replaces earlier observers; an empty one is none.
+    void set_observer(PacketObserver on_packet, ConnectionObserver on_connection = {});
+
+    /// Sends a packet to one client, to each client (returns how many these are), or to the client
+    /// that authenticated the opcode last. Does not block: what a slow client has no room for yet
+    /// is sent later, in order. Throws ManagerError if there is no such client or the packet is
+    /// larger than the system lets us send.
+    void send(int client, const std::string& text);
+    std::size_t send_to_all(const std::string& text);
+    void send_for_opcode(Opcode opcode, const std::string& text);
+
+    /// Closes the connections of all clients and goes on listening. Returns when they are closed.
+    /// What is still to be sent to a slow client is lost.
+    void close_clients(Ending ending = Ending::Orderly);
+
+    /// Whether packets of clients are received, as they are at first. While they are not, the send
+    /// buffers of clients fill up, and it is not noticed who leaves. Only an orderly ending still
+    /// receives what has come.
+    void set_reading(bool reading);
+
+    // How the Manager answers by itself. At first it accepts everything at once, grants no
+    // permission and knows no information. An answer is made up when its request comes.
+
+    /// Refuses or accepts requests of a step from now on: for the opcode, or for all opcodes if
+    /// none is given. Only Auth and Ready have opcodes. The refusal of an Info is "ERROR:refused"
+    /// for each name, the others are a -1.
+    void refuse(Step step, std::optional<Opcode> opcode = std::nullopt);
+    void accept(Step step, std::optional<Opcode> opcode = std::nullopt);
+
+    /// Sends answers of the step that much later, up to 24 hours, unless their client has gone by
+    /// then or the Manager stopped. They hold up nothing else.
+    void set_delay(Step step, std::chrono::milliseconds delay);
+
+    /// Whether requests of the step get no answer at all, unless by send(); two names of one rule.
+    void set_drop(Step step, bool drop);
+    void set_silent(Step step, bool silent) { set_drop(step, silent); }
+
+    /// Whether each answer of the step is sent twice.
+    void set_twice(Step step, bool twice);
+
+    /// Whether requests are answered at all, as they are at first. `at_once`, if it is not empty,
+    /// is called between two packets, at the moment of the change, with the connected clients; it
+    /// must not call the Manager.
+    void set_answering(bool answering,
+                       const std::function<void(const std::vector<int>& clients)>& at_once = {});
+
+    void grant(const std::string& permission);
+    void deny(const std::string& permission);
+
+    /// Sets the result of a piece of information, as in "SUCCESS:87". One that was never set gives
+    /// "ERROR:unknown".
+    void set_info(const std::string& name, const std::string& text);
+
+    /// Waits for the next packet from a client that `matcher` matches, counting from the one that
+    /// the last successful expect() returned, whether it has come already or is still to come.
+    /// Returns nothing when the time is over or the Manager does not run.
+    std::optional<Packet> expect(const Matcher& matcher, Timeout timeout);
+
+    /// Waits until exactly `count` clients are connected; returns whether they are.
+    bool wait_for_clients(std::size_t count, Timeout timeout);
+
+    /// Waits until the client that has or had this number is disconnected; returns whether it is.
+    bool wait_for_disconnect(int client, Timeout timeout);
+
+    /// The numbers of the connected clients, in the order in which they connected.
+    std::vector<int> clients() const;
+
+    /// Copies of the log: all packets, those from clients, and those from clients that came after
+    /// the packet that expect() returned last. Beyond 256 MiB the oldest packets are forgotten.
+    std::vector<Packet> log() const;
+    std::vector<Packet> received() const;
+    std::vector<Packet> unexpected() const;
+
+    /// Send the message to the clients that authenticated the opcodes, to each with its own. The
+    /// end of a whole session, without targets, goes to the clients for which it was started, to
+    /// every client if there are none. Return the transaction number. Throw as send() does.
+    std::int64_t start_session(std::int64_t session, const std::vector<Target>& targets);
+    void ready_session(std::int64_t session, const std::vector<Target>& targets);
+    std::int64_t end_session(std::int64_t session, const std::vector<Target>& targets = {});
+
+    /// Sends the task to the client that authenticated its opcode and returns the transaction
+    /// number, which is unique. Throws as send() does, and if the arguments are no JSON array.
+    std::int64_t exec_task(const Task& task);
+
+    /// Waits for the reply to a transaction of exec_task(), or to any of them. Each reply is
+    /// returned once. Returns nothing when the time is over or the Manager does not run.
+    std::optional<Reply> await_reply(std::optional<std::int64_t> transaction, Timeout timeout);
+    std::optional<Reply> await_any_reply(Timeout timeout);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    using Lock = std::unique_lock<std::mutex>;
+    using TargetsByClient = std::map<int, std::vector<Target>>;
+
+    // Run on the Manager's thread.
+    void serve();
+    bool handle_events(const std::vector<pollfd>& events);
+    void accept_clients();
+    bool receive_from(ConnectedClient& client);
+    void remove_closing_clients();
+    void disconnect_all();
+
+    // The caller of all below holds the lock.
+    std::vector<pollfd> poll_set() const;
+    std::vector<int> client_numbers() const;
+    void begin_to_close(Ending ending);
+    ConnectedClient* find_client(int number);
+    ConnectedClient& client_for(Opcode opcode);
+    TargetsByClient by_client(const std::vector<Target>& targets);
+    TargetsByClient participants(std::int64_t session) const;
+    void deliver(ConnectedClient& client, const std::string& text);
+    void enqueue(ConnectedClient& client, const std::string& text);
+    void flush(ConnectedClient& client);
+    const Packet& record(const ConnectedClient& client, Direction direction,
+                         const std::string& text);
+    void notify(int client, Change change);
+    void handle(ConnectedClient& client, const Packet& packet);
+    void answer(ConnectedClient& client, const Request& request);
+    void send_due_answers();
+    template <typename Done>
+    bool wait(Lock& lock, Timeout timeout, Done done);
+    void wake_thread() const;
+
+    const std::string path_;
+    const FileDescriptor wake_;
+
+    std::mutex lifecycle_mutex_;
+    std::thread thread_;
+    ListeningSocket listener_;
+
+    std::atomic<std::int64_t> last_transaction_{0};
+
+    mutable std::mutex mutex_;
+    /// Notified after every change that a waiting call may be waiting for.
+    std::condition_variable changed_;
+    bool running_ = false;
+    Ending ending_ = Ending::Orderly;
+    bool reading_ = true;
+    /// Only the Manager's thread adds and removes elements.
+    std::list<ConnectedClient> clients_;
+    int last_client_ = 0;
+    PacketLog log_;
+    bool answering_ = true;
+    Answers answers_;
+    DelayedAnswers delayed_;
+    OpcodeRoutes routes_;
+    PacketObserver on_packet_;
+    ConnectionObserver on_connection_;
+    Replies replies_;
+};
+
+}  // namespace manager

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+
+#include "manager/simulation/packet.h"
+#include "manager/simulation/requests.h"
+
+namespace manager {
+
+/// The reply of a client to a task.
+struct Reply {
+    std::int64_t transaction;
+    /// The reply's "status", absent if it has no integer there.
+    std::optional<std::int64_t> status;
+    /// From the call of exec_task() until the packet was received.
+    std::chrono::nanoseconds latency;
+    Packet packet;
+};
+
+/// Matches replies to the tasks that were sent. Not thread-safe: its owner locks.
+class Replies {
+  public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    void expect(std::int64_t transaction, Time sent) { pending_.emplace(transaction, sent); }
+
+    /// Keeps the reply if it is the first to a task.
+    void keep(const ReplyHead& head, const Packet& packet);
+
+    /// Removes and returns the reply to the transaction or, without one, the oldest reply.
+    std::optional<Reply> take(std::optional<std::int64_t> transaction);
+
+  private:
+    /// When each task that has no reply yet was sent.
+    std::map<std::int64_t, Time> pending_;
+    std::deque<Reply> replies_;
+};
+
+}  // namespace manager
