@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <future>
 #include <sstream>
@@ -23,6 +24,15 @@ using namespace std::chrono_literals;
 constexpr std::size_t kLarge = 524'288;
 // Each test has a /dev of its own.
 constexpr char kFile[] = "/dev/socket/recording";
+
+constexpr char kLamp[] =
+    R"({"Vexon":{"opcode":"1a","name":"lamp","subsystems":[{"id":3}],"functions":[
+{"name":"set_scene","args":[{"id":0,"name":"scene","type":"struct","members":[
+{"id":0,"name":"name","type":"string"},
+{"id":1,"name":"zones","type":"vector","vec_type":"uint8"}]},
+{"id":1,"name":"seconds","type":"double","optional":true}],
+"results":[{"name":"lit","type":"boolean"}]},
+{"name":"off","args":[{"id":0,"name":"who","type":"string"},{"id":1,"name":"at","type":"vector","vec_type":"struct","members":[{"id":0,"name":"x","type":"int8"}]}]}]}})";
 
 /// The service's end of a connection.
 class Client {
@@ -68,6 +78,11 @@ std::string complaint(const Action& action) try {
     return "no complaint";
 } catch (const std::runtime_error& error) {
     return error.what();
+}
+
+std::string one_line_of(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
+    return text;
 }
 
 void expect_part(const std::string& text, const std::string& part) {
@@ -349,6 +364,107 @@ TEST_F(Simulated, SaysWhatIsWrong) {
     }
 }
 
+TEST_F(Simulated, ShowsAndCallsWhatAServiceDeclares) {
+    play(R"(A? INIT "any":0 => "service_id":1
+A? AUTH "Service_Id":1,"Opcode":26,"Token":"t","api_def":)" +
+         one_line_of(kLamp) + R"( => "opcode":"26","result":0
+A? REDY "Service_Id":1,"Opcode":26 => "opcode":"26","result":0)");
+    const auto called = [&](const std::string& line) {
+        return std::async(std::launch::async, [this, line] {
+            return complaint([&] { parse_command(line)(context); });
+        });
+    };
+    const std::string task =
+        R"(A> {"req_type":"exec_task","opcode":"0x1a","subsys_id":3,"session_id":1000,"transac_id":)";
+    const std::string reply =
+        R"(A< {"opcode":"0x1a","req_type":"exec_task","return":0,"transac_id":)";
+    auto first =
+        called(R"(call lamp.set_scene seconds=2.50 scene='{"zones":[1, 255],"name":"\u00fc"}')");
+    play(
+        R"(A> {"req_type":"start_session","session_id":1000,"transac_id":1,"opcodes":[{"id":"1a","subsystems":[{"id":3}]}]}
+A< {"req_type":"start_session","session_id":1000,"Result":"Success","opcodes":[{"id":"0x0000001a","subsystems":[{"id":3}]}]}
+A> {"req_type":"ready_session","session_id":1000,"opcodes":[{"id":"1a","subsystems":[{"id":3}]}]}
+)" + task +
+        R"(2,"func":{"name":"set_scene","num_of_args":2,"args":[{"id":0,"type":"struct","members":[{"id":0,"type":"string","value":"\u00fc"},{"id":1,"type":"vector","vec_type":"uint8","value":[1, 255]}]},{"id":1,"type":"double","value":2.50}]}}
+)" + reply +
+        R"(2,"status": 0,"name":"set_scene","func":{"lit":true}})");
+    EXPECT_EQ(first.get(), "no complaint");
+    EXPECT_EQ(traffic.faults, 0U);
+
+    // The session is used again, and an optional argument may be left out.
+    auto second = called(R"(call 1a.set_scene {"name":"","zones":[]})");
+    play(
+        task +
+        R"(3,"func":{"name":"set_scene","num_of_args":1,"args":[{"id":0,"type":"struct","members":[{"id":0,"type":"string","value":""},{"id":1,"type":"vector","vec_type":"uint8","value":[]}]}]}}
+)" + reply +
+        R"(3,"status": -2,"name":"set_scene","func":{"error":"dark"}})");
+    expect_part(second.get(), "set_scene replied with status -2, not 0: dark");
+
+    auto third = called(R"(call lamp.off --status -2 "a=\"b" [{"x":-128}])");
+    play(
+        task +
+        R"(4,"func":{"name":"off","num_of_args":2,"args":[{"id":0,"type":"string","value":"a=\"b"},{"id":1,"type":"vector","vec_type":"struct","value":[{"members":[{"id":0,"type":"int8","value":-128}]}]}]}}
+)" + reply +
+        R"(4,"status": -2,"name":"off","func":{"error":"dark"}})");
+    EXPECT_EQ(third.get(), "no complaint");
+
+    auto left = called("call lamp.off x [] --timeout 60000");
+    play(
+        task +
+        R"(5,"func":{"name":"off","num_of_args":2,"args":[{"id":0,"type":"string","value":"x"},{"id":1,"type":"vector","vec_type":"struct","value":[]}]}}
+A! )");
+    expect_part(left.get(), "expected a reply of off");
+}
+
+TEST_F(Simulated, SaysWhatIsWrongWithACallBeforeAnythingIsSent) {
+    play(R"(A? INIT "any":0 => "service_id":1
+A? AUTH "Service_Id":1,"Opcode":26,"Token":"t","api_def":)" +
+         one_line_of(kLamp) + R"( => "opcode":"26","result":0)");
+    expect_part(complaint([&] { play("call lamp.off x []"); }), "lamp is not ready");
+    play(R"(A? REDY "Service_Id":1,"Opcode":26 => "opcode":"26","result":0)");
+    const std::size_t packets = simulated.log().size();
+    for (const auto& [line, message] : std::vector<std::pair<const char*, const char*>>{
+             {"call desk.off", "there is no service \"desk\"; there is lamp"},
+             {"describe desk", "there is no service \"desk\""},
+             {"call lamp.on", "lamp declares no function \"on\"; it declares set_scene, off"},
+             {"call lamp.off x",
+              "at is missing: struct {x: int8}[]\n    call lamp.off x\n"
+              "                   ^\n    off(who: string, at: struct"},
+             {"call lamp.off x [] y", "off takes 2 arguments"},
+             {"call lamp.off x who=y", "who is given twice"},
+             {"call lamp.off when=1",
+              "no argument \"when\"\n    call lamp.off when=1\n"
+              "                  ^"},
+             {"call lamp.off x [{\"x\":128}]",
+              "at[0].x has to be int8, -128 to 127, not 128\n"
+              "    call lamp.off x [{\"x\":128}]\n"
+              "                          ^"},
+             {"call lamp.off x [{\"x\":1,\"y\":2}]", "at[0].y is not declared"},
+             {"call lamp.off x [{}]", "at[0].x is missing"},
+             {"call lamp.off x [1,]", "at has to be struct {x: int8}[]: "},
+             {"call lamp.off x at=[007]", "at has to be JSON"},
+             {"call lamp.set_scene seconds=fast", "seconds has to be double"},
+             {"call lamp.set_scene '{\"name\":1,\"zones\":[]}'",
+              "scene.name has to be string, not 1"},
+             {"call lamp.off x [] --session 5", "session 5 is not started for lamp"},
+             {"call lamp.off x [] --status x", "--status must be a decimal number"}}) {
+        expect_part(complaint([&, text = line] { play(text); }), message);
+    }
+    EXPECT_EQ(simulated.log().size(), packets);
+
+    for (const auto& [result, opcodes] :
+         std::vector<std::pair<std::string, std::string>>{{"Failed", "[]"}, {"Success", "[]"}}) {
+        auto refused = std::async(std::launch::async, [&] {
+            return complaint([&] { parse_command("call lamp.off x []")(context); });
+        });
+        clients['A'].receive();
+        const std::string number = result == "Failed" ? "1000" : "1001";
+        clients['A'].send(R"({"req_type":"start_session","session_id":)" + number +
+                          R"(,"Result":")" + result + R"(","opcodes":)" + opcodes + "}");
+        expect_part(refused.get(), "lamp refused session " + number);
+    }
+}
+
 TEST_F(Simulated, ReplaysARecordingAndNoticesDifferences) {
     play("record " + std::string(kFile) + R"(
 A? INIT "any":0 => "service_id":1
@@ -416,18 +532,32 @@ TEST(JsonLines, AreValidAndKeepPacketsToTheByte) {
 }
 
 TEST(Completion, OffersWhatMayFollow) {
+    Services services;
+    const auto say = [&](Direction direction, const std::string& text) {
+        services.add({{}, {}, 1, direction, text}, parse_json(text));
+    };
+    for (const auto& [opcode, definition] : std::map<std::string, std::string>{
+             {"26", kLamp}, {"43", R"({"Vexon":{"opcode":"2b","subsystems":[{"id":1}]}})"}}) {
+        say(Direction::FromClient,
+            R"({"req_type":"AUTH","Opcode":)" + opcode + R"(,"api_def":)" + definition + "}");
+        say(Direction::ToClient, R"({"req_type":"AUTH","opcode":")" + opcode + R"(","result":0})");
+    }
     for (const auto& [line, words] : std::vector<std::pair<std::string, std::string>>{
              {"re", "reading ready record refuse replay restart "},
              {"refuse ", "auth info init permission ready "},
              {"permission-change \"X\" g", "granted "},
              {"call --c", "--count "},
+             {"call ", "0x2b. lamp. "},
+             {"call lamp.", "lamp.off lamp.set_scene "},
+             {"call --session 5 lamp.set_scene scene=1 s", "seconds= "},
+             {"describe lamp.o", "lamp.off "},
              {"restart --", "--abrupt "},
              {"reading o", "off on "},
              {"replay --timeout 5 /proc/self/fdi", "/proc/self/fdinfo/ "},
              {"start ", ""},
              {"bogus x", ""}}) {
         std::string offered;
-        for (const std::string& word : completions(line)) offered += word + ' ';
+        for (const std::string& word : completions(line, services)) offered += word + ' ';
         EXPECT_EQ(offered, words) << line;
     }
 }

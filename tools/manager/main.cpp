@@ -64,7 +64,7 @@ int fail(int status, const std::string& message) {
 int run_standard_input(CommandContext& context) {
     if (isatty(STDIN_FILENO) != 0 && context.console.format() == Format::Text &&
         shows_on_terminal()) {
-        Prompt prompt(context.console, context.interruption);
+        Prompt prompt(context);
         run_prompt(prompt, context);
         return kSucceeded;
     }

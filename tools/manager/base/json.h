@@ -8,8 +8,22 @@
 
 namespace manager {
 
-/// Returns nothing if `text` is not JSON; never throws.
-std::optional<Json::Value> parse_json(const std::string& text);
+/// Why and where a text is no JSON.
+struct JsonError {
+    std::string what;
+    std::size_t offset = 0;
+};
+
+/// Returns nothing, and fills in the error if there is one to fill in, if `text` is not JSON; never
+/// throws.
+std::optional<Json::Value> parse_json(const std::string& text, JsonError* error = nullptr);
+
+/// The characters from which the value was parsed.
+std::string json_source(const Json::Value& value, const std::string& text);
+
+/// The part of the text around a place in it, and below that a caret that points there. Both lines
+/// are indented and shown without control characters.
+std::string excerpt(const std::string& text, std::size_t offset);
 
 /// The member of an object, null if `value` is no object or has no such member.
 const Json::Value& member(const Json::Value& value, const char* name);
@@ -17,6 +31,9 @@ const Json::Value& member(const Json::Value& value, const char* name);
 /// Whether `text` is a JSON object or array that every program reads the same way: no NUL, no
 /// member twice, nothing that only lenient readers take, nesting of at most 100.
 bool is_strict_json(const std::string& text);
+
+/// The text as a JSON string in UTF-8. What is no UTF-8 is replaced by U+FFFD.
+std::string json_text(const std::string& text);
 
 /// The text as a JSON string, with its quotes, or the texts as a JSON array of strings.
 std::string json_string(const std::string& text);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
 #include <optional>
 
 namespace manager {
@@ -17,6 +18,11 @@ std::optional<std::uint64_t> parse_number(std::string_view text, int base, std::
     const bool complete = error == std::errc() && end == text.data() + text.size();
     if (!complete || number > max) return std::nullopt;
     return number;
+}
+
+std::optional<std::uint64_t> hexadecimal(std::string_view text, std::uint64_t max) {
+    const bool prefixed = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
+    return parse_number(prefixed ? text.substr(2) : text, 16, max);
 }
 
 /// The size of the JSON value that `text` begins with, npos if it does not end in `text`.
@@ -47,6 +53,11 @@ bool Words::at_end() {
 
 char Words::peek() {
     return at_end() ? '\0' : rest_.front();
+}
+
+std::size_t Words::position() {
+    at_end();
+    return line_.size() - rest_.size();
 }
 
 bool Words::at_option() {
@@ -89,13 +100,21 @@ std::string Words::delimited(const char* what) {
     return text;
 }
 
-std::string Words::json_array(const char* what) {
+std::string Words::json(const char* what) {
     require(what);
     const std::size_t size = json_size(rest_);
-    if (rest_.front() != '[' || size == std::string_view::npos) {
-        throw BadCommand(fmt::format("{} must be a complete JSON array, not {}", what, rest_));
-    }
-    return take(size);
+    if (size != std::string_view::npos) return take(size);
+    throw BadCommand(
+        fmt::format("{} must be a complete JSON array or object, not {}", what, rest_));
+}
+
+std::optional<std::string> Words::name() {
+    if (at_end()) return std::nullopt;
+    const std::size_t size = rest_.find_first_of("= \t\r\"'[{");
+    if (size == 0 || size == std::string_view::npos || rest_[size] != '=') return std::nullopt;
+    std::string taken = take(size);
+    rest_.remove_prefix(1);
+    return taken;
 }
 
 std::string Words::rest(const char* what) {
@@ -107,6 +126,12 @@ void Words::end() {
     if (!at_end()) throw BadCommand(fmt::format("\"{}\" is too much", rest_));
 }
 
+std::optional<std::uint32_t> hexadecimal(std::string_view text) {
+    const auto number = hexadecimal(text, std::numeric_limits<std::uint32_t>::max());
+    if (!number) return std::nullopt;
+    return static_cast<std::uint32_t>(*number);
+}
+
 std::uint64_t parse_decimal(std::string_view text, const char* what, std::uint64_t max) {
     if (const auto number = parse_number(text, 10, max)) return *number;
     throw BadCommand(
@@ -114,8 +139,7 @@ std::uint64_t parse_decimal(std::string_view text, const char* what, std::uint64
 }
 
 std::uint64_t parse_hexadecimal(std::string_view text, const char* what, std::uint64_t max) {
-    const bool prefixed = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
-    if (const auto number = parse_number(prefixed ? text.substr(2) : text, 16, max)) return *number;
+    if (const auto number = hexadecimal(text, max)) return *number;
     throw BadCommand(
         fmt::format("{} must be a hexadecimal number up to {:x}, not \"{}\"", what, max, text));
 }

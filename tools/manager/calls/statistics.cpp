@@ -9,7 +9,6 @@
 
 #include "manager/base/json.h"
 #include "manager/console/console.h"
-#include "manager/console/json_lines.h"
 #include "manager/simulation/requests.h"
 
 namespace manager {
@@ -22,29 +21,10 @@ std::string text_of(const Json::Value& value) {
     return value.isString() ? value.asString() : "?";
 }
 
-using Line = std::array<std::string, 9>;
-const Line kHeading{"function",    "opcode", "calls",  "answered", "failed",
-                    "outstanding", "p50 ms", "p99 ms", "max ms"};
+const Row kHeading{"function",    "opcode", "calls",  "answered", "failed",
+                   "outstanding", "p50 ms", "p99 ms", "max ms"};
 // The columns before this one are texts, the others numbers.
 constexpr std::size_t kFirstNumber = 2;
-
-std::string aligned(const std::vector<Line>& lines) {
-    std::array<std::size_t, kHeading.size()> widths{};
-    for (const Line& line : lines) {
-        for (std::size_t i = 0; i < line.size(); ++i)
-            widths[i] = std::max(widths[i], line[i].size());
-    }
-    std::vector<std::string> texts;
-    for (const Line& line : lines) {
-        std::vector<std::string> cells;
-        for (std::size_t i = 0; i < line.size(); ++i) {
-            cells.push_back(i < kFirstNumber ? fmt::format("{:<{}}", line[i], widths[i])
-                                             : fmt::format("{:>{}}", line[i], widths[i]));
-        }
-        texts.push_back(fmt::format("{}", fmt::join(cells, "  ")));
-    }
-    return fmt::format("{}", fmt::join(texts, "\n"));
-}
 
 /// `none` if there are no latencies.
 std::array<std::string, 3> milliseconds(const Latencies& latencies, const std::string& none) {
@@ -55,31 +35,28 @@ std::array<std::string, 3> milliseconds(const Latencies& latencies, const std::s
 
 }  // namespace
 
-void CallStatistics::add(const Packet& packet) {
-    // Most other packets are known without being read.
-    if (packet.text.find("exec_task") == std::string::npos) return;
-    const auto message = parse_json(packet.text);
-    const auto head = message ? read_reply(*message) : std::nullopt;
+void CallStatistics::add(const Packet& packet, const Json::Value& message) {
+    const auto head = read_reply(message);
     if (!head) return;
     const CallId id{packet.client, head->transaction};
     const std::lock_guard lock(mutex_);
     if (packet.direction == Direction::FromClient) {
         add_reply(id, head->status != 0, packet);
     } else {
-        add_call({text_of(member(member(*message, "func"), "name")),
-                  text_of(member(*message, "opcode"))},
-                 id, packet);
+        add_call(
+            {text_of(member(member(message, "func"), "name")), text_of(member(message, "opcode"))},
+            id, packet);
     }
 }
 
-CallStatistics::Row& CallStatistics::row_of(const Function& function) {
+CallStatistics::Figures& CallStatistics::row_of(const Function& function) {
     const bool is_full = rows_.size() >= kMaxFunctions && rows_.count(function) == 0;
     return is_full ? rows_[{"(others)", ""}] : rows_[function];
 }
 
 void CallStatistics::add_call(const Function& function, const CallId& id, const Packet& packet) {
     has_news_ = true;
-    Row& row = row_of(function);
+    Figures& row = row_of(function);
     ++row.calls;
     // A transaction that is used again leaves the earlier call without a reply.
     if (const auto earlier = positions_.find(id); earlier != positions_.end()) {
@@ -112,7 +89,7 @@ std::string CallStatistics::table() {
     const std::lock_guard lock(mutex_);
     has_news_ = false;
     if (rows_.empty()) return "no function was called";
-    std::vector<Line> lines{kHeading};
+    std::vector<Row> lines{kHeading};
     for (const auto& [function, row] : rows_) {
         const Latencies& latencies = row.latencies;
         const auto [p50, p99, max] = milliseconds(latencies, "-");
@@ -121,7 +98,7 @@ std::string CallStatistics::table() {
                          std::to_string(row.failed), std::to_string(row.calls - latencies.count()),
                          p50, p99, max});
     }
-    return aligned(lines);
+    return aligned(lines, kFirstNumber);
 }
 
 std::string CallStatistics::json() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/value.h>
+
 #include <chrono>
 #include <cstdint>
 #include <list>
@@ -21,8 +23,8 @@ namespace manager {
 /// is not counted.
 class CallStatistics {
   public:
-    /// Counts the packet if it is a call, or the first reply to one.
-    void add(const Packet& packet);
+    /// Counts the packet, which is `message`, if it is a call, or the first reply to one.
+    void add(const Packet& packet, const Json::Value& message);
 
     /// Whether there were calls or replies since the figures were last taken by table() or json().
     bool has_news() const;
@@ -36,7 +38,7 @@ class CallStatistics {
   private:
     /// The name and the opcode as the call has it.
     using Function = std::pair<std::string, std::string>;
-    struct Row {
+    struct Figures {
         std::uint64_t calls = 0;
         /// Of these, the replies whose "status" is not 0.
         std::uint64_t failed = 0;
@@ -46,17 +48,17 @@ class CallStatistics {
     using CallId = std::pair<int, std::int64_t>;
     struct Pending {
         CallId id;
-        Row* row;
+        Figures* row;
         std::chrono::steady_clock::time_point sent;
     };
 
-    Row& row_of(const Function& function);
+    Figures& row_of(const Function& function);
     void add_call(const Function& function, const CallId& id, const Packet& packet);
     void add_reply(const CallId& id, bool failed, const Packet& packet);
 
     mutable std::mutex mutex_;
     bool has_news_ = false;
-    std::map<Function, Row> rows_;
+    std::map<Function, Figures> rows_;
     /// The calls without a reply, the oldest first, and where each stands there.
     std::list<Pending> pending_;
     std::map<CallId, std::list<Pending>::iterator> positions_;

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <array>
 
+#include "manager/base/json.h"
 #include "manager/commands/arguments.h"
 #include "manager/commands/parsers.h"
-#include "manager/console/json_lines.h"
 
 namespace manager {
 namespace {
@@ -32,17 +32,38 @@ Action parse_quit(Words&) {
     return [](CommandContext& context) { context.quit = true; };
 }
 
-constexpr std::array<Command, 27> kCommands{{
+constexpr std::array<Command, 29> kCommands{{
     {"start", "SESSION OPCODE:SUBSYS[,SUBSYS]...",
      "Start a session for the subsystems of one or more opcodes. OPCODE is hexadecimal, SESSION\n"
      "and SUBSYS are decimal.",
      parse_start},
     {"ready", "SESSION OPCODE:SUBSYS[,SUBSYS]...", "Report a session as ready.", parse_ready},
-    {"call", "[--count N] [--in-flight M] [--timeout MS] SESSION OPCODE:SUBSYS NAME [ARGS-JSON]",
-     "Have the function NAME executed and print its reply. ARGS-JSON is the array of arguments,\n"
-     "as in [{\"id\":0,\"type\":\"uint8\",\"value\":5}]. Fails if no reply comes within --timeout\n"
-     "(5000 ms). With --count, executes it N times with M tasks in flight (1) and prints figures;\n"
-     "a terminal then shows a bar instead of the packets.",
+    {"services", "",
+     "List the services that are registered: the opcode, the name, the subsystems, the client,\n"
+     "whether it is ready, and the sessions that it takes part in.",
+     parse_services},
+    {"describe", "[SERVICE[.FUNCTION]]",
+     "Show the functions that a service, given by its name or opcode, or every service declares,\n"
+     "with the types of arguments and results; of one function an example of a call, too.",
+     parse_describe},
+    {"call",
+     "[--session N] [--status N] [--timeout MS] [--count N] [--in-flight M] "
+     "SERVICE.FUNCTION [NAME=]VALUE... | SESSION OPCODE:SUBSYS NAME [ARGS-JSON]",
+     "Have a function executed and print its reply. SERVICE is a name or an opcode. The values "
+     "are\n"
+     "checked against what the service declares before anything is sent; one of a struct is an\n"
+     "object, one of a vector an array, one with blanks goes between quotes:\n"
+     "    call lamp.set_scene scene='{\"name\":\"x\",\"zones\":[1,2]}' seconds=2.5\n"
+     "Opens a session by itself, from number 1000 on, which later calls use, too, unless "
+     "--session\n"
+     "says which. Fails if the status of the reply is not 0, or that of --status, or if no reply\n"
+     "comes within --timeout (5000 ms).\n"
+     "The second form sends anything, even what is not declared, and takes any status unless\n"
+     "--status is given; ARGS-JSON is the array of arguments as the task has it, as in\n"
+     "[{\"id\":0,\"type\":\"uint8\",\"value\":5}].\n"
+     "With --count, executes the function N times with M tasks in flight (1) and prints figures; "
+     "a\n"
+     "terminal then shows a bar instead of the packets.",
      parse_call},
     {"end", "SESSION [OPCODE:SUBSYS[,SUBSYS]...]...",
      "End a session for these subsystems or, without any, as a whole: for the clients for which\n"

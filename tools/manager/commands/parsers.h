@@ -9,6 +9,10 @@ namespace manager {
 
 Action parse_call(Words& words);
 
+// What is known of services.
+Action parse_services(Words& words);
+Action parse_describe(Words& words);
+
 // Sessions.
 Action parse_start(Words& words);
 Action parse_ready(Words& words);
@@ -41,6 +45,11 @@ Action parse_restart(Words& words);
 Action parse_record(Words& words);
 Action parse_replay(Words& words);
 Action parse_summary(Words& words);
+
+/// The service, and the name of the function of it, that SERVICE.FUNCTION is. Throws CommandFailed
+/// if there is no such service, BadCommand if it does not declare the function.
+std::pair<Service, std::string> find_function(const CommandContext& context,
+                                              const std::string& name);
 
 /// Sends the packet to every client; throws CommandFailed if there is none.
 void send_to_every_client(SimulatedManager& manager, const std::string& text);

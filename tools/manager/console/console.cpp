@@ -2,8 +2,10 @@
 
 #include <fmt/chrono.h>
 #include <fmt/color.h>
+#include <fmt/ranges.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -11,6 +13,8 @@
 #include <string_view>
 #include <utility>
 
+#include "manager/base/json.h"
+#include "manager/base/utf8.h"
 #include "manager/console/json_lines.h"
 
 namespace manager {
@@ -29,10 +33,6 @@ std::string time_text(system_clock::time_point time) {
         std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
     return fmt::format("{:%H:%M:%S}.{:03}", fmt::localtime(system_clock::to_time_t(time)),
                        since_epoch.count() % 1000);
-}
-
-bool is_control(char c) {
-    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
 std::string arrow(Direction direction, bool coloured) {
@@ -58,6 +58,25 @@ std::string one_line(const std::string& text) {
         }
     }
     return result;
+}
+
+std::string aligned(const std::vector<Row>& rows, std::size_t first_number) {
+    std::vector<std::size_t> widths;
+    for (const Row& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::vector<std::string> lines;
+    for (const Row& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            const std::string gap = i == 0 ? "" : "  ";
+            line += gap + (i < first_number ? fmt::format("{:<{}}", row[i], widths[i])
+                                            : fmt::format("{:>{}}", row[i], widths[i]));
+        }
+        lines.push_back(line.substr(0, line.find_last_not_of(' ') + 1));
+    }
+    return fmt::format("{}", fmt::join(lines, "\n"));
 }
 
 bool shows_on_terminal() {
@@ -92,6 +111,11 @@ void Console::connection(const ConnectionChange& change) {
               ? json_line(change)
               : fmt::format("{} client {} {}", time_text(change.wall_time), change.client,
                             change.change == Change::Connected ? "connected" : "disconnected"));
+}
+
+void Console::fault(int client, const std::string& what) {
+    event("warning", fmt::format(R"("client":{},"text":{})", client, json_text(what)));
+    if (format_ == Format::Text) error(fmt::format("warning: client {}: {}", client, what));
 }
 
 void Console::report(const std::string& text, const std::string& name, const std::string& members) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "manager/simulation/packet.h"
 
@@ -12,6 +13,10 @@ namespace manager {
 
 /// The text with its control characters escaped, so that it shows as one line.
 std::string one_line(const std::string& text);
+
+/// Rows of cells in aligned columns, texts to the left and, from `first_number` on, to the right.
+using Row = std::vector<std::string>;
+std::string aligned(const std::vector<Row>& rows, std::size_t first_number);
 
 /// Whether standard output is a terminal on which the cursor can be moved.
 bool shows_on_terminal();
@@ -31,6 +36,9 @@ class Console {
     /// Print to standard output; a packet is always one line. While a status is shown no packet is.
     void packet(const Packet& packet);
     void connection(const ConnectionChange& change);
+
+    /// Tells of what is wrong with what a client sent.
+    void fault(int client, const std::string& what);
 
     /// Prints what a command found out: `text`, or the event with these members as json_line()
     /// takes them.

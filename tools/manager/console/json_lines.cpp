@@ -2,7 +2,6 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <json/writer.h>
 
 #include <algorithm>
 
@@ -43,12 +42,6 @@ std::string content(const std::string& text) {
 }
 
 }  // namespace
-
-std::string json_text(const std::string& text) {
-    Json::StreamWriterBuilder builder;
-    builder["emitUTF8"] = true;
-    return Json::writeString(builder, replace_invalid_utf8(text));
-}
 
 std::string json_line(const Packet& packet) {
     const bool incoming = packet.direction == Direction::FromClient;

@@ -8,9 +8,6 @@
 
 namespace manager {
 
-/// The text as a JSON string in UTF-8. What is no UTF-8 is replaced by U+FFFD.
-std::string json_text(const std::string& text);
-
 /// A packet is a "message", as it stands, if is_strict_json(); line ends in it become blanks. Any
 /// other packet is a "text", and has its bytes in "hex" too if they are no UTF-8.
 std::string json_line(const Packet& packet);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <clocale>
+#include <cstring>
 #include <cwchar>
 
 #include "manager/prompt/completion.h"
@@ -26,9 +27,10 @@ std::string common_beginning(const std::string& first, const std::string& last) 
 
 }  // namespace
 
-Prompt::Prompt(Console& console, const Interruption& interruption)
-    : console_(console),
-      interruption_(interruption),
+Prompt::Prompt(CommandContext& context)
+    : console_(context.console),
+      interruption_(context.interruption),
+      services_(context.traffic.services),
       history_(history_init(), history_end),
       editor_(el_init("vexon-manager", stdin, stdout, stderr), el_end) {
     // The editor reads multibyte characters as the user's locale has them.
@@ -74,11 +76,13 @@ void Prompt::remember(const char* line) {
 unsigned char Prompt::complete(EditLine* editor, int) {
     const LineInfo* const line = el_line(editor);
     const std::string text(line->buffer, line->cursor);
-    const std::vector<std::string> words = completions(text);
+    void* self = nullptr;
+    el_get(editor, EL_CLIENTDATA, &self);
+    const std::vector<std::string> words = completions(text, static_cast<Prompt*>(self)->services_);
     if (words.empty()) return CC_ERROR;
     const std::size_t begun = text.size() - (text.find_last_of(" \t") + 1);
     std::string more = common_beginning(words.front(), words.back()).substr(begun);
-    if (words.size() == 1 && words.front().back() != '/') more += ' ';
+    if (words.size() == 1 && std::strchr("/.=", words.front().back()) == nullptr) more += ' ';
     if (!more.empty()) return el_insertstr(editor, more.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
     std::string list = "\n";
     for (const std::string& word : words) list += word + "  ";

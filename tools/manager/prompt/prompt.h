@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "manager/console/console.h"
 #include "manager/prompt/line_source.h"
+#include "manager/recording/context.h"
 
 namespace manager {
 
@@ -13,8 +13,8 @@ namespace manager {
 /// appear above the prompt.
 class Prompt : public LineSource {
   public:
-    /// Both must outlive this object.
-    Prompt(Console& console, const Interruption& interruption);
+    /// The context must outlive this object.
+    explicit Prompt(CommandContext& context);
 
     std::optional<std::string> next() override;
 
@@ -26,6 +26,7 @@ class Prompt : public LineSource {
 
     Console& console_;
     const Interruption& interruption_;
+    const Services& services_;
     std::unique_ptr<History, void (*)(History*)> history_;
     std::unique_ptr<EditLine, void (*)(EditLine*)> editor_;
     /// Held while the editor draws, released while it waits for a key.

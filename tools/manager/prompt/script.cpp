@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "manager/console/json_lines.h"
+#include "manager/base/json.h"
 
 namespace manager {
 namespace {

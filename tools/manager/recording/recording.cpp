@@ -55,10 +55,7 @@ std::string bytes_of(const std::string& hex) {
 /// The packet as it was, to the byte: the message is cut out of its line.
 std::optional<std::string> packet_text(const Json::Value& event, const std::string& line) {
     const Json::Value& message = member(event, "message");
-    if (message.isObject() || message.isArray()) {
-        const auto begin = static_cast<std::size_t>(message.getOffsetStart());
-        return line.substr(begin, static_cast<std::size_t>(message.getOffsetLimit()) - begin);
-    }
+    if (message.isObject() || message.isArray()) return json_source(message, line);
     if (member(event, "hex").isString()) return bytes_of(member(event, "hex").asString());
     if (member(event, "text").isString()) return member(event, "text").asString();
     return std::nullopt;

@@ -29,9 +29,7 @@ std::optional<QueryId> find_query_id(const std::string& text) {
     const auto message = parse_json(text);
     const Json::Value& id = message ? member(*message, "QueryId") : Json::Value::nullSingleton();
     if (id.isNull()) return std::nullopt;
-    const auto begin = static_cast<std::size_t>(id.getOffsetStart());
-    return QueryId{begin,
-                   text.substr(begin, static_cast<std::size_t>(id.getOffsetLimit()) - begin)};
+    return QueryId{static_cast<std::size_t>(id.getOffsetStart()), json_source(id, text)};
 }
 
 }  // namespace

@@ -133,6 +133,11 @@ bool SimulatedManager::wait_for_disconnect(int client, Timeout timeout) {
     });
 }
 
+bool SimulatedManager::wait_until(const std::function<bool()>& done, Timeout timeout) {
+    Lock lock(mutex_);
+    return wait(lock, timeout, done);
+}
+
 std::vector<int> SimulatedManager::clients() const {
     const Lock lock(mutex_);
     return client_numbers();

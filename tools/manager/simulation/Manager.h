@@ -131,6 +131,11 @@ class SimulatedManager {
     /// Waits until the client that has or had this number is disconnected; returns whether it is.
     bool wait_for_disconnect(int client, Timeout timeout);
 
+    /// Waits until `done()`, which is called while the Manager is locked, after each packet and
+    /// each change; returns whether it is. It must not call the Manager, but may ask what observers
+    /// know.
+    bool wait_until(const std::function<bool()>& done, Timeout timeout);
+
     /// The numbers of the connected clients, in the order in which they connected.
     std::vector<int> clients() const;
 
