@@ -290,6 +290,22 @@ TEST_F(Simulated, SendsAndReceivesLargePacketsWithoutWaitingForTheClient) {
     EXPECT_THROW(simulated.send(1, std::string(16 * kLarge, 'x')), ManagerError);
 }
 
+TEST_F(Simulated, RefusesAnAuthAndEndsACallThatAreNoJson) {
+    play(R"(A< {"req_type":"AUTH","Service_Id":1,"Opcode":26,"api_def":{},"Token":"a"b"}
+A> {"req_type":"AUTH","opcode":"26","result":-1,"reason":"the token is no text of JSON"}
+A< {"req_type":"AUTH","Service_Id":1,"Opcode":26,"api_def":{"a":"b"c"},"Token":"t"}
+A> {"req_type":"AUTH","opcode":"26","result":-1,"reason":"the definition is no JSON"})");
+    EXPECT_THROW(simulated.send_for_opcode(26, "x"), ManagerError) << "it was refused";
+    EXPECT_EQ(traffic.faults, 2U);
+    play(R"(A? AUTH "Opcode":26 => "opcode":"26","result":0)");
+    const std::int64_t task = simulated.exec_task({5, 26, 1, "f"});
+    play(R"(A< {"req_type":"exec_task","func":{"a":"b"c"},"transac_id":)" + std::to_string(task) +
+         R"(,"status": 0})");
+    const auto reply = simulated.await_reply(task, 5s);
+    ASSERT_TRUE(reply);
+    EXPECT_FALSE(reply->status);
+}
+
 TEST_F(Simulated, RoutesTasksByOpcodeAndRepliesByTransaction) {
     play(R"(A? AUTH "Opcode":26 => "opcode":"26","result":0
 B? AUTH "Opcode":27 => "opcode":"27","result":0)");
@@ -531,6 +547,99 @@ TEST(JsonLines, AreValidAndKeepPacketsToTheByte) {
     EXPECT_NE(json_line(Packet{{}, {}, 1, {}, "[1,\n2]"}).find("[1, 2]"), std::string::npos);
 }
 
+TEST(Services, FindWhatIsWrongWithWhatClientsSend) {
+    const std::string auth =
+        R"(< {"req_type":"AUTH","Service_Id":1,"Opcode":26,"Token":"t","api_def":)";
+    const std::string task = R"(> {"req_type":"exec_task","opcode":"0x1a","transac_id":)";
+    const std::string reply =
+        R"(< {"req_type":"exec_task","opcode":"0x1a","return":0,"transac_id":)";
+    // "<" is from the client, ">" to it; each "! " line is a part of one complaint of the packet
+    // above.
+    std::istringstream lines(R"(< {"req_type":"INIT"}
+< {"req_type":"REDY","Service_Id":1,"Opcode":26}
+! no service id yet
+! REDY of what is not registered
+> {"req_type":"INIT","service_id":1}
+)" + auth + one_line_of(kLamp) +
+                             R"(}
+> {"req_type":"AUTH","opcode":"26","result":-1}
+< {"req_type":"REDY","Service_Id":2,"Opcode":26}
+! Service_Id is 2, not 1
+! REDY of what is not registered
+)" + auth + one_line_of(kLamp) +
+                             R"(}
+> {"req_type":"AUTH","opcode":"26","result":0}
+< {"req_type":"REDY","Service_Id":1,"Opcode":26}
+> {"req_type":"REDY","opcode":"26","result":0}
+< {"req_type":"AUTH","Service_Id":1,"Opcode":27,"Token":"","api_def":{"Vexon":{"opcode":"0x1c","name":"lamp","subsystems":[],"functions":[{"name":"a\"b","args":[{"id":1,"name":"x","type":"int9"}]},{"name":"f","args":[{"id":0,"type":"uint8"}]},{"name":"f","results":[{"name":"y","type":"vector"},{"name":"y","type":"struct"}]}]}}}
+! "subsystems" has to be an array, and not empty
+! functions[0]: a name is without quotes
+! functions[0].args[0]: there is no type "int9"
+! functions[0].args[0]: "id" has to be its position, 0
+! functions[1].args[0]: "name" is missing
+! there is another "f"
+! results[0]: "vec_type" is missing
+! results[1]: "members" is missing
+! results[1]: there is another "y"
+! its definition is of 0x1c
+! the token is empty
+! 0x1a is named "lamp" as well
+)" + task + R"(1,"func":{"name":"set_scene"}}
+)" + reply + R"(1,"status": 0,"name":"set_scene","func":{"lit":true}}
+)" + reply + R"(1,"status": 0,"name":"set_scene","func":{"lit":true}}
+! no task, or a second one
+)" + task + R"(2,"func":{"name":"set_scene"}}
+)" + reply + R"(2,"status": 0,"name":"set_scene","func":{"lit":1,"on":2}}
+! reply of set_scene: func.lit has to be boolean, not 1
+! func.on is not declared
+)" + task + R"(3,"func":{"name":"set_scene"}}
+< {"req_type":"exec_task","opcode":"","name":"","return":"0","transac_id":3,"status": 1,"func":{"lit":true}}
+! the opcode is "", not 0x1a
+! the name is ""
+! return is no number
+! no text "error"
+)" + task + R"(4,"func":{"name":"set_scene"}}
+)" + reply + R"(4,"status": -1,"name":"set_scene","func":{}}
+)" + task + R"(5,"func":{"name":"set_scene"}}
+)" + reply + R"(5,"status": 0,"name":"set_scene","func":{"a":"b"c"}}
+! no JSON, at byte 112: Missing ',' or '}'
+< EXIT
+< {"req_type":"", "Result":""args":0"}
+< {"req_type":"start_session","session_id":5,"Result":"Success"}
+! not asked for
+< {"req_type":"PERMISSION","Session_Id":5,"QueryId":0,"Permissions":[""]}
+! session 5, in which it takes no part
+! without a "QueryId"
+! empty name in "Permissions"
+> {"req_type":"start_session","session_id":5,"opcodes":[{"id":"1a","subsystems":[{"id":3}]}]}
+< {"req_type":"start_session","session_id":5,"Result":"Success","opcodes":[{"id":"0x0000001a"}]}
+< {"req_type":"PERMISSION","Session_Id":5,"QueryId":1,"Permissions":["A"]}
+> {"req_type":"end_session","session_id":5,"opcodes":[]}
+< {"req_type":"end_session","session_id":5,"Result":"Success"}
+< {"req_type":"INFO_QUERY","Session_Id":5,"QueryId":1,"QueryInfos":["A"]}
+! session 5, in which it takes no part
+< {"req_type":"REGS"}
+! no "req_type" "REGS")");
+    Services services;
+    std::vector<std::string> faults;
+    std::string packet;
+    for (std::string line; std::getline(lines, line);) {
+        const std::string text = line.substr(2);
+        if (line[0] == '!') {
+            ASSERT_FALSE(faults.empty()) << text << " was not found in " << packet;
+            expect_part(faults.front(), text);
+            faults.erase(faults.begin());
+            continue;
+        }
+        EXPECT_TRUE(faults.empty()) << faults.front() << " in " << packet;
+        packet = text;
+        faults = services.add(
+            {{}, {}, 1, line[0] == '<' ? Direction::FromClient : Direction::ToClient, text},
+            parse_json(text));
+    }
+    EXPECT_TRUE(faults.empty());
+}
+
 TEST(Completion, OffersWhatMayFollow) {
     Services services;
     const auto say = [&](Direction direction, const std::string& text) {
@@ -620,6 +729,73 @@ TEST(Program, StopsAtTheFirstFailure) {
     expect_part(run_program("\nstrat 5"), "help lists the commands\n2\n");
 }
 
+TEST(Program, ChecksDefinitions) {
+    const std::string file = "F=/dev/socket/d; printf '%b' '";
+    for (
+        const auto& [text, output] : std::vector<std::pair<std::string, std::string>>{
+            {R"(\x02{"Vexon":{"opcode":"1a","name":"lamp","subsystems":[{"id":1}],"functions":[{"name":"off","args":[{"id":0,"name":"ms","type":"uint32"}]}]}})",
+             "lamp.off(ms: uint32)\n0\n"},
+            {R"({"Vexon":{"opcode":"1a","name":"lamp",\n "subsystems":[{"id":"1"}]}})",
+             "/dev/socket/d:2:16: Vexon.subsystems: an \"id\" has to be a number of 32 bits\n1\n"},
+            {R"({"Vexon":\n {"opcode":"1a" "name":1}})", "/dev/socket/d:2:17: no JSON: Missing"}}) {
+        expect_part(run_shell(file + text + "' >$F; $M --check $F; echo $?"), output);
+    }
+    expect_part(run_shell("$M --check /nowhere; echo $?"), "cannot read /nowhere\n2\n");
+}
+
+TEST(Program, StartsAServiceAndEndsWithIt) {
+    constexpr char kStart[] = "sleep 9 | timeout 20 $M --quiet ";
+    for (const auto& [command, output] : std::vector<std::pair<std::string, std::string>>{
+             {std::string(kStart) + "-- sh -c 'echo one; printf two; exit 5'; echo $?",
+              "one\ntwo\n5\n"},
+             {std::string(kStart) + "--json -- echo one; echo $?",
+              R"("event":"output","text":"one")"},
+             {"echo sleep 300 | $M -- sh -c 'trap \"echo ended; exit\" TERM; while :; do sleep "
+              "0.1; "
+              "done'; echo $?",
+              "ended\n0\n"},
+             {"$M -- /nowhere; echo $?", "cannot start /nowhere: No such file or directory\n3\n"},
+             // Elsewhere it finds a private /dev, to which a second shell has a way.
+             {"S=/nowhere/vexa; $M --path $S; echo $?", "cannot listen"},
+             {"P=" VEXON_PRIVATE_DEV
+              "; $P sh -c 'touch /dev/socket/mark; exec sleep 5' & sleep 0.5; "
+              "$P --join $! ls /dev/socket; kill $!",
+              "mark\n"}}) {
+        expect_part(run_shell(command), output);
+    }
+}
+
+TEST_F(Simulated, HasAProgramThatShowsOnlyWhatFitsAndFailsForFaultsIfItIsStrict) {
+    simulated.stop();  // the program takes its place
+    for (const auto& [options, expected] : std::vector<std::pair<std::string, std::string>>{
+             {"--watch type=INIT",
+              " client 1 connected\n client 1 <- {\"req_type\":\"INIT\"}\n"
+              " client 1 -> {\"req_type\":\"INIT\",\"service_id\":1}\n"},
+             {"--watch 'client=2 type=INIT'", " client 1 connected\n"}}) {
+        clients.clear();
+        auto program = std::async(std::launch::async, run_shell,
+                                  "timeout -s INT 2 $M " + options + " | sed 's/^[0-9:.]* / /'");
+        play(R"(A? INIT "any":0 => "service_id":1
+A< {"req_type":"DINT","Service_Id":1})");
+        clients['A'].receive();
+        const std::string output = program.get();
+        EXPECT_EQ(output.find("DINT"), std::string::npos) << output;
+        EXPECT_EQ(output.find("INIT") != std::string::npos,
+                  expected.find("INIT") != std::string::npos)
+            << output;
+    }
+    for (const auto& [options, status] : std::vector<std::pair<std::string, std::string>>{
+             {"", "\n0\n"}, {"--strict", "services made 1 faults, see above\n1\n"}}) {
+        clients.clear();
+        auto program = std::async(std::launch::async, run_shell,
+                                  "echo 'expect bogus 9000' | $M --quiet " + options + "; echo $?");
+        play(R"(A< {"req_type":"bogus"})");
+        const std::string output = '\n' + program.get();
+        expect_part(output, "warning: client 1: there is no \"req_type\" \"bogus\"\n");
+        expect_part(output, status);
+    }
+}
+
 TEST(Program, EndsCleanlyOnSignalsAndWhenNobodyReads) {
     // What sends the signal learns the number of the process, and that its commands have begun.
     const auto signalled = [](const std::string& input, const std::string& signal) {
@@ -636,7 +812,18 @@ TEST(Program, EndsCleanlyOnSignalsAndWhenNobodyReads) {
              {"shown=$(mktemp); { for i in $(seq 300); do grep -q 'manager> ' $shown && break; "
               "sleep 0.1; done; printf '\\003'; sleep 1; } | SHELL=/bin/sh TERM=xterm "
               "script -qfec \"exec $M\" $shown; echo $?; rm $shown",
-              "manager> \r\n0\n"}}) {
+              "manager> \r\n0\n"},
+             // Ctrl-C cancels a line and a command; the history is kept for the next time.
+             {"export XDG_STATE_HOME=$(mktemp -d); shown=$(mktemp); wait_for() { for i in $(seq "
+              "300); "
+              "do grep -q \"$1\" $shown && return; sleep 0.1; done; }; "
+              "{ wait_for 'manager> '; printf 'bogus'; wait_for bogus; printf '\\003'; wait_for "
+              "'\\^C'; "
+              "printf 'sleep 60000\\n'; sleep 0.5; printf '\\003'; wait_for 'signal 2'; "
+              "printf 'help sleep\\n'; wait_for Wait; printf '\\004'; sleep 0.5; } | "
+              "SHELL=/bin/sh TERM=xterm script -qfec \"exec $M\" $shown >/dev/null; echo $?; "
+              "cat $XDG_STATE_HOME/vexon-manager/history; rm -r $shown $XDG_STATE_HOME",
+              "\n0\n_HiStOrY_V2_\nsleep\\04060000\\012\nhelp\\040sleep\\012\n"}}) {
         const std::string output = '\n' + run_shell(command);
         expect_part(output, expected);
         EXPECT_NE(access(kDefaultPath, F_OK), 0) << "the socket file was left by " << command;

@@ -2,17 +2,22 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <optional>
 
+#include "manager/base/json.h"
 #include "manager/console/console.h"
 #include "manager/console/interruption.h"
 #include "manager/prompt/prompt.h"
 #include "manager/prompt/script.h"
 #include "manager/recording/replay.h"
+#include "manager/services/service_process.h"
 #include "manager/simulation/Manager.h"
 
 namespace {
@@ -29,7 +34,11 @@ constexpr char kFooter[] =
     "A script stops at the first command that fails or expectation that is not met. Figures of\n"
     "the function calls are printed at the end.\n"
     "\n"
+    "SERVICE is started when the Manager listens, in a private /dev if need be; what it prints is\n"
+    "shown, and it is ended with the Manager, which ends with it unless there is a script.\n"
+    "\n"
     "Examples:\n"
+    "  vexon-manager -- ./thermostat-service      a service and a prompt in one shell\n"
     "  vexon-manager                              a prompt; Tab completes words\n"
     "  vexon-manager --script test.vexon          a test of a service, as in a CI\n"
     "  echo 'expect REDY 10000' | vexon-manager --json | jq -c '.message // empty'\n"
@@ -38,9 +47,11 @@ constexpr char kFooter[] =
     "  vexon-manager --replay test.jsonl          does the service still answer the same?\n"
     "\n"
     "Exit status:\n"
-    "  0      the commands ended, or a signal came while none was carried out\n"
+    "  0      the commands ended, or a signal came while none was carried out; if SERVICE ended\n"
+    "         before them, its own exit status\n"
     "  1      a command of the script failed, an expectation was not met, the service did not\n"
-    "         answer as recorded, or the recording could not be written\n"
+    "         answer as recorded, it made a fault with --strict, the definition has one, or the\n"
+    "         recording could not be written\n"
     "  2      the command line, or a command of the script, is wrong\n"
     "  3      the Manager cannot run, as when it cannot listen at its path\n"
     "  128+N  signal N (SIGINT, SIGTERM, SIGHUP) interrupted a command of the script\n"
@@ -52,7 +63,11 @@ struct Options {
     std::string record;
     std::string replay;
     std::vector<std::string> ignored;
+    std::string check;
+    std::optional<std::string> watch;
+    std::vector<std::string> service;
     bool quiet = false;
+    bool strict = false;
     Format format = Format::Text;
 };
 
@@ -75,6 +90,11 @@ int run_standard_input(CommandContext& context) {
 }
 
 int run_commands(const Options& options, CommandContext& context) {
+    if (options.watch) {
+        return run_step(
+            "watch " + *options.watch,
+            [&](CommandContext& c) { parse_command("watch " + *options.watch)(c); }, context);
+    }
     if (options.script.empty()) return run_standard_input(context);
     FileDescriptor file(open(options.script.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.valid()) {
@@ -118,9 +138,10 @@ int run(const Options& options) {
     console.set_broken_output([] { Interruption::interrupt(SIGPIPE); });
     Traffic traffic;
     SimulatedManager simulated(options.path);
-    Interruption interruption([&] { simulated.stop(); });
+    Interruption interruption([&] { simulated.set_waiting(false); });
     traffic.follow(simulated, console);
     CommandContext context{simulated, console, interruption, traffic};
+    context.strict = options.strict;
     std::optional<Replay> replay;
     try {
         open_files(options, context, &replay);
@@ -128,19 +149,86 @@ int run(const Options& options) {
         return fail(kCommandFailed, error.what());
     }
     simulated.start();
-    const int status =
+    std::optional<ServiceProcess> service;
+    if (!options.service.empty()) {
+        service.emplace(options.service, console, [&] {
+            if (options.script.empty()) Interruption::interrupt(SIGTERM);
+        });
+    }
+    int status =
         replay ? run_step(
                      "--replay " + options.replay, [&](CommandContext&) { replay->run(); }, context)
                : run_commands(options, context);
+    if (service) {
+        const int service_status = service->end();
+        if (status == kSucceeded) status = service_status;
+    }
+    if (status == kSucceeded && options.strict && traffic.faults > 0) status = kCommandFailed;
     return end(status, context);
 }
+
+/// Looks at a definition alone: what stands in the file from the first brace on.
+int check_definition(const std::string& name) {
+    std::ifstream file(name, std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    if (!file) return fail(kBadUsage, "cannot read " + name);
+    const std::size_t begin = std::min(text.find('{'), text.size());
+    const std::string json = text.substr(begin);
+    JsonError error;
+    const auto api_def = parse_json(json, &error);
+    Faults faults;
+    if (!api_def) faults.push_back({"no JSON: " + error.what, error.offset});
+    const Definition definition = api_def ? read_definition(*api_def, faults) : Definition();
+    for (const Fault& fault : faults) {
+        const std::string before = text.substr(0, begin + fault.offset);
+        const auto line = std::count(before.begin(), before.end(), '\n') + 1;
+        const std::size_t column = before.size() - (before.rfind('\n') + 1) + 1;
+        std::cout << name << ':' << line << ':' << column << ": " << fault.what << '\n';
+    }
+    if (!faults.empty()) return kCommandFailed;
+    for (const Function& function : definition.functions) {
+        std::cout << definition.name << '.' << signature(function) << '\n';
+    }
+    return kSucceeded;
+}
+
+/// Has the whole program run inside a private /dev, where the Manager may have its real path.
+/// Returns only if that is not possible.
+void enter_private_dev(char** argv) {
+    std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    const std::string folder = std::filesystem::path(self).parent_path();
+    std::string separator = "--";
+    std::vector<char*> command{nullptr, separator.data(), self.data()};
+    for (char** argument = argv + 1; *argument != nullptr; ++argument) command.push_back(*argument);
+    command.push_back(nullptr);
+    for (std::string tool :
+         {folder + "/vexon-private-dev", folder + "/../private_dev/vexon-private-dev"}) {
+        command[0] = tool.data();
+        execv(command[0], command.data());
+    }
+}
+
+/// Shows an option without what the parser knows of it.
+class Help : public CLI::Formatter {
+    std::string make_usage(const CLI::App*, std::string) const override {
+        return "Usage: vexon-manager [OPTIONS] [-- SERVICE [ARG...]]\n";
+    }
+    std::string make_option_opts(const CLI::Option* option) const override {
+        return option->get_type_size() == 0 ? "" : ' ' + option->get_type_name();
+    }
+};
 
 }  // namespace
 
 int main(int argc, char** argv) try {
     Options options;
+    // What stands behind -- is the service and its arguments.
+    char** const end =
+        std::find_if(argv, argv + argc, [](const char* a) { return std::string(a) == "--"; });
+    if (end != argv + argc) options.service.assign(end + 1, argv + argc);
     CLI::App app(kDescription, "vexon-manager");
     app.footer(kFooter);
+    app.formatter(std::make_shared<Help>());
     app.set_version_flag("--version", "vexon-manager " VEXON_VERSION);
     auto* path = app.add_option("--path", options.path, "Listen at this path")
                      ->type_name("PATH")
@@ -149,9 +237,10 @@ int main(int argc, char** argv) try {
            "--dedicated", [&] { options.path = kDedicatedPath; },
            std::string("Listen at the dedicated path, ") + kDedicatedPath)
         ->excludes(path);
+    const auto exists = [](const std::string& file) { return CLI::ExistingFile(file); };
     auto* script = app.add_option("--script", options.script, "Take the commands from this file")
                        ->type_name("FILE")
-                       ->check(CLI::ExistingFile);
+                       ->check(exists);
     app.add_option("--record", options.record, "Write the conversation to this file")
         ->type_name("FILE");
     auto* replay =
@@ -160,20 +249,39 @@ int main(int argc, char** argv) try {
                "Play the Manager's side of the conversation that was recorded in this file, "
                "and end")
             ->type_name("FILE")
-            ->check(CLI::ExistingFile)
+            ->check(exists)
             ->excludes(script);
     app.add_option("--ignore", options.ignored,
                    "Members that --replay does not compare, as help replay explains")
         ->type_name("NAME")
         ->needs(replay);
+    app.add_option(
+           "--check", options.check,
+           "Check the definition of a service in this file, print what it declares, and end")
+        ->type_name("FILE");
+    app.add_option("--watch", options.watch,
+                   "Show only packets that fit, as help watch explains, until a signal comes")
+        ->type_name("[FILTER]")
+        ->expected(0, 1)
+        ->excludes(script)
+        ->excludes(replay);
+    app.add_flag("--strict", options.strict,
+                 "Fail if a service sends what is not as it should be, instead of warning");
     app.add_flag("--quiet", options.quiet, "Do not print packets");
     app.add_flag_callback(
         "--json", [&] { options.format = Format::Json; },
         "Print a JSON object on a line of its own for each packet, connection and result");
     try {
-        app.parse(argc, argv);
+        app.parse(static_cast<int>(end - argv), argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? kSucceeded : kBadUsage;
+    }
+    if (!options.check.empty()) return check_definition(options.check);
+    const bool is_real_path = options.path == kDefaultPath || options.path == kDedicatedPath;
+    const std::string folder = std::filesystem::path(options.path).parent_path();
+    if (!options.service.empty() && is_real_path && access(folder.c_str(), W_OK) != 0) {
+        enter_private_dev(argv);
+        return fail(kCannotRun, "cannot run vexon-private-dev");
     }
     return run(options);
 } catch (const std::exception& error) {

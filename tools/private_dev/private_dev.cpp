@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <stdexcept>
@@ -25,17 +26,18 @@ constexpr int kCannotExecute = 126;
 constexpr int kNotFound = 127;
 
 constexpr char kUsage[] =
-    "Usage: vexon-private-dev COMMAND [ARG...]\n"
+    "Usage: vexon-private-dev [--join PID] COMMAND [ARG...]\n"
     "Run COMMAND with a private /dev that holds an empty /dev/socket and /dev/socket/vexon_one.\n"
     "\n"
     "The private /dev has null, zero, full, random, urandom, tty, pts, ptmx, shm, fd, stdin,\n"
     "stdout and stderr. It belongs to COMMAND and its children and vanishes with them; the /dev\n"
     "of the system is not changed. An ordinary user needs user namespaces to be enabled.\n"
     "\n"
+    "  --join PID  enter the private /dev of the process PID, instead of making one\n"
     "  -h, --help  print this text\n"
     "\n"
     "Exit status:\n"
-    "  125  the private /dev could not be made, or the command line is wrong\n"
+    "  125  the private /dev could not be made or entered, or the command line is wrong\n"
     "  126  COMMAND was found but could not be executed\n"
     "  127  COMMAND was not found\n"
     "  else the exit status of COMMAND\n";
@@ -141,6 +143,41 @@ void cover_dev() {
     make_link("/proc/self/fd/2", "/dev/stderr");
 }
 
+/// Whether two paths lead to the same namespace.
+bool is_same(const std::string& one, const std::string& other) {
+    struct stat first {};
+    struct stat second {};
+    check(stat(one.c_str(), &first) != 0, "cannot find " + one);
+    check(stat(other.c_str(), &second) != 0, "cannot find " + other);
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+int open_namespace(const std::string& path) {
+    const int handle = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    check(handle < 0, "cannot open " + path);
+    return handle;
+}
+
+/// Enters the mount namespace of a process, and its user namespace, if it has another, on the way.
+void join(const std::string& process) {
+    const std::string folder = "/proc/" + process + "/ns/";
+    std::string directory = ".";
+    if (char* const current = getcwd(nullptr, 0)) {
+        directory = current;
+        free(current);
+    }
+    const int mounts = open_namespace(folder + "mnt");
+    if (!is_same(folder + "user", "/proc/self/ns/user")) {
+        const int users = open_namespace(folder + "user");
+        check(setns(users, CLONE_NEWUSER) != 0, "cannot enter " + folder + "user");
+        close(users);
+    }
+    check(setns(mounts, CLONE_NEWNS) != 0, "cannot enter " + folder + "mnt");
+    close(mounts);
+    // It is the root now.
+    check(chdir(directory.c_str()) != 0, "cannot go back to " + directory);
+}
+
 /// Replaces this program by the command; returns only the exit status of a failure to do so.
 int execute(char** command) {
     execvp(command[0], command);
@@ -156,13 +193,22 @@ int run(char** arguments) {
         std::fputs(kUsage, stdout);
         return 0;
     }
-    char** const command = first == "--" ? arguments + 1 : arguments;
-    if (*command == nullptr) throw std::invalid_argument("COMMAND is missing; see --help");
-    if (command == arguments && first[0] == '-') {
-        throw std::invalid_argument("unknown option " + first + "; see --help");
+    const bool joins = first == "--join";
+    if (joins && arguments[1] == nullptr) throw std::invalid_argument("PID is missing; see --help");
+    char** command = joins ? arguments + 2 : arguments;
+    const std::string next = *command != nullptr ? *command : "";
+    if (next == "--") {
+        ++command;
+    } else if (next[0] == '-') {
+        throw std::invalid_argument("unknown option " + next + "; see --help");
     }
-    enter_mount_namespace();
-    cover_dev();
+    if (*command == nullptr) throw std::invalid_argument("COMMAND is missing; see --help");
+    if (joins) {
+        join(arguments[1]);
+    } else {
+        enter_mount_namespace();
+        cover_dev();
+    }
     return execute(command);
 }
 

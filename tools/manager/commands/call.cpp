@@ -212,13 +212,19 @@ class Progress {
         if (now < next_) return;
         next_ = now + kProgressInterval;
         const std::size_t filled = done * kProgressWidth / total_;
-        console_.set_status(
-            fmt::format("[{:<{}}] {}/{}", std::string(filled, '#'), kProgressWidth, done, total_));
+        const double seconds = std::chrono::duration<double>(now - begin_).count();
+        const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
+        const std::string left =
+            done == 0 ? ""
+                      : fmt::format(", {:.0f} s left", static_cast<double>(total_ - done) / rate);
+        console_.set_status(fmt::format("[{:<{}}] {}/{}, {:.0f}/s{}", std::string(filled, '#'),
+                                        kProgressWidth, done, total_, rate, left));
     }
 
   private:
     Console& console_;
     const std::size_t total_;
+    const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point next_{};
 };
 

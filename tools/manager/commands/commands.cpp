@@ -32,7 +32,7 @@ Action parse_quit(Words&) {
     return [](CommandContext& context) { context.quit = true; };
 }
 
-constexpr std::array<Command, 29> kCommands{{
+constexpr std::array<Command, 30> kCommands{{
     {"start", "SESSION OPCODE:SUBSYS[,SUBSYS]...",
      "Start a session for the subsystems of one or more opcodes. OPCODE is hexadecimal, SESSION\n"
      "and SUBSYS are decimal.",
@@ -134,6 +134,11 @@ constexpr std::array<Command, 29> kCommands{{
      "other packets between two of the Manager's may come in any order. Clients that are\n"
      "connected already stand for those that were when the recording began.",
      parse_replay},
+    {"watch", "[type=TYPE] [client=N] [service=SERVICE]",
+     "Show the packets that fit, and no others, until Ctrl-C: those of a \"req_type\", of a "
+     "client, of\n"
+     "the client that serves a service.",
+     parse_watch},
     {"summary", "",
      "Print for each function the number of calls so far, of replies, of those with a status "
      "other\n"

@@ -93,7 +93,14 @@ std::pair<Service, std::string> find_function(const CommandContext& context,
                                               const std::string& name) {
     const Services& services = context.traffic.services;
     const std::size_t dot = std::min(name.rfind('.'), name.size());
-    const auto service = services.find(name.substr(0, dot));
+    std::optional<Service> service;
+    // What a client has been sent may not have been noted yet: only the Manager's lock tells.
+    context.manager.wait_until(
+        [&] {
+            service = services.find(name.substr(0, dot));
+            return true;
+        },
+        std::chrono::milliseconds(0));
     std::vector<std::string> known;
     if (!service) {
         for (const Service& other : services.list()) known.push_back(other.name());

@@ -44,6 +44,7 @@ Action parse_restart(Words& words);
 // The conversation as a whole.
 Action parse_record(Words& words);
 Action parse_replay(Words& words);
+Action parse_watch(Words& words);
 Action parse_summary(Words& words);
 
 /// The service, and the name of the function of it, that SERVICE.FUNCTION is. Throws CommandFailed

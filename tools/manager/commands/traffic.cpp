@@ -1,3 +1,7 @@
+#include <limits>
+
+#include "manager/base/durations.h"
+#include "manager/base/json.h"
 #include "manager/commands/arguments.h"
 #include "manager/commands/parsers.h"
 #include "manager/recording/replay.h"
@@ -16,7 +20,36 @@ constexpr std::array<Option<ReplayOptions>, 2> kReplayOptions{{
      }},
 }};
 
+Traffic::Filter take_filter(Words& words) {
+    Traffic::Filter filter;
+    while (!words.at_end()) {
+        const std::size_t position = words.position();
+        const std::string key = words.name().value_or("");
+        const std::string value = take_text(words, "type=, client= or service=");
+        if (key == "type") {
+            filter.type = value;
+        } else if (key == "client") {
+            filter.client =
+                static_cast<int>(parse_decimal(value, "client", std::numeric_limits<int>::max()));
+        } else if (key == "service") {
+            filter.service = value;
+        } else {
+            throw BadCommand("type=, client= or service= expected" +
+                             excerpt(std::string(words.line()), position));
+        }
+    }
+    return filter;
+}
+
 }  // namespace
+
+Action parse_watch(Words& words) {
+    return [filter = take_filter(words)](CommandContext& context) {
+        context.traffic.watch(filter);
+        while (context.interruption.signal() == 0) context.interruption.sleep(kMaxDuration);
+        context.traffic.watch(std::nullopt);
+    };
+}
 
 Action parse_record(Words& words) {
     if (words.at_end()) {

@@ -92,8 +92,8 @@ Console::Console(bool show_packets, Format format)
       colour_output_(wants_colour(STDOUT_FILENO)),
       colour_errors_(wants_colour(STDERR_FILENO)) {}
 
-void Console::packet(const Packet& packet) {
-    if (!show_packets_) return;
+void Console::packet(const Packet& packet, bool always) {
+    if (!show_packets_ && !always) return;
     const std::lock_guard lock(mutex_);
     if (!status_.empty()) return;
     print(stdout,

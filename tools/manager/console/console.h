@@ -34,7 +34,8 @@ class Console {
     Format format() const { return format_; }
 
     /// Print to standard output; a packet is always one line. While a status is shown no packet is.
-    void packet(const Packet& packet);
+    /// `always` shows one that would not be.
+    void packet(const Packet& packet, bool always = false);
     void connection(const ConnectionChange& change);
 
     /// Tells of what is wrong with what a client sent.

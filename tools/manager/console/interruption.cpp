@@ -26,7 +26,7 @@ sigset_t block_ending_signals() {
 }  // namespace
 
 Interruption::Interruption(std::function<void()> on_interrupt)
-    : done_(eventfd(0, EFD_CLOEXEC)), came_(eventfd(0, EFD_CLOEXEC)) {
+    : done_(eventfd(0, EFD_CLOEXEC)), came_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     const sigset_t signals = block_ending_signals();
     signals_ = FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC));
     thread_ = std::thread([this, call = std::move(on_interrupt)] { watch(call); });
@@ -39,12 +39,27 @@ Interruption::~Interruption() {
 
 void Interruption::watch(const std::function<void()>& on_interrupt) {
     std::array<pollfd, 2> events{{{signals_.get(), POLLIN, 0}, {done_.get(), POLLIN, 0}}};
-    poll(events.data(), events.size(), -1);
-    signalfd_siginfo info{};
-    if (events[0].revents == 0 || read(signals_.get(), &info, sizeof(info)) != sizeof(info)) return;
-    signal_ = static_cast<int>(info.ssi_signo);
-    eventfd_write(came_.get(), 1);
-    on_interrupt();
+    while (true) {
+        poll(events.data(), events.size(), -1);
+        signalfd_siginfo info{};
+        if (events[0].revents == 0 || read(signals_.get(), &info, sizeof(info)) != sizeof(info)) {
+            return;
+        }
+        const std::lock_guard lock(mutex_);
+        // The signal that ends the program is not covered by a later one.
+        if (signal_ == 0 || signal_ == SIGINT) signal_ = static_cast<int>(info.ssi_signo);
+        eventfd_write(came_.get(), 1);
+        on_interrupt();
+    }
+}
+
+bool Interruption::forgive() const {
+    const std::lock_guard lock(mutex_);
+    int expected = SIGINT;
+    if (!signal_.compare_exchange_strong(expected, 0)) return false;
+    eventfd_t ignored = 0;
+    eventfd_read(came_.get(), &ignored);
+    return true;
 }
 
 void Interruption::interrupt(int signal) {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -16,7 +17,7 @@ namespace manager {
 /// thread, which then inherits that it leaves the signals alone.
 class Interruption {
   public:
-    /// `on_interrupt` is called once, on a thread of its own, when the first signal comes.
+    /// `on_interrupt` is called on a thread of its own when a signal comes.
     explicit Interruption(std::function<void()> on_interrupt);
     ~Interruption();
     Interruption(const Interruption&) = delete;
@@ -25,8 +26,11 @@ class Interruption {
     /// Acts as if the signal, one of these, had been sent to the program.
     static void interrupt(int signal);
 
-    /// The signal that came, 0 while none did.
+    /// The signal that came last, 0 while none did.
     int signal() const;
+
+    /// Goes on as if a SIGINT had not come; another signal stays. Returns whether one has gone.
+    bool forgive() const;
 
     /// Waits until `fd` can be read or is at its end; returns false if a signal comes first or the
     /// time is over, which is never without a `timeout`.
@@ -43,7 +47,9 @@ class Interruption {
     FileDescriptor done_;
     /// Readable from the moment on at which a signal came.
     FileDescriptor came_;
-    std::atomic<int> signal_{0};
+    /// Held while a signal is taken note of.
+    mutable std::mutex mutex_;
+    mutable std::atomic<int> signal_{0};
     std::thread thread_;
 };
 

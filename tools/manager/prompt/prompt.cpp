@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <clocale>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <filesystem>
 
 #include "manager/prompt/completion.h"
 
@@ -17,6 +19,17 @@ constexpr int kHistorySize = 1000;
 char* prompt_text(EditLine*) {
     static char text[] = "manager> ";
     return text;
+}
+
+/// Empty if there is no place for it.
+std::string history_file() {
+    const auto value = [](const char* name) {
+        const char* const text = std::getenv(name);
+        return std::string(text == nullptr ? "" : text);
+    };
+    std::string folder = value("XDG_STATE_HOME");
+    if (folder.empty() && !value("HOME").empty()) folder = value("HOME") + "/.local/state";
+    return folder.empty() ? "" : folder + "/vexon-manager/history";
 }
 
 /// Of two words at the ends of a sorted list, and so of all the words between them.
@@ -47,13 +60,28 @@ Prompt::Prompt(CommandContext& context)
     el_wset(editor_.get(), EL_ADDFN, L"complete", L"Complete the word", complete);
     el_set(editor_.get(), EL_BIND, "^I", "complete", nullptr);
     el_source(editor_.get(), nullptr);
+    const std::string file = history_file();
+    if (!file.empty()) history(history_.get(), &event, H_LOAD, file.c_str());
+}
+
+Prompt::~Prompt() {
+    const std::string file = history_file();
+    if (file.empty()) return;
+    std::error_code error;
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path(), error);
+    HistEvent event;
+    history(history_.get(), &event, H_SAVE, file.c_str());
 }
 
 std::optional<std::string> Prompt::next() {
     console_lock_ = console_.lock();
     console_.set_redraw([this] { el_set(editor_.get(), EL_REFRESH); });
     int size = 0;
-    const char* const line = el_gets(editor_.get(), &size);
+    const char* line = nullptr;
+    do {
+        cancelled_ = false;
+        line = el_gets(editor_.get(), &size);
+    } while (cancelled_);
     console_.set_redraw({});
     console_lock_.unlock();
     if (line == nullptr || size <= 0) {
@@ -104,7 +132,14 @@ int Prompt::read_character(wchar_t& character) {
         const bool readable = interruption_.wait_readable(STDIN_FILENO);
         console_lock_.lock();
         char byte = 0;
-        if (!readable || read(STDIN_FILENO, &byte, 1) != 1) return 0;
+        if (!readable) {
+            // A line that was begun is cancelled by Ctrl-C, the program is at an empty one.
+            const LineInfoW* const line = el_wline(editor_.get());
+            cancelled_ = line->lastchar != line->buffer && interruption_.forgive();
+            if (cancelled_) std::fputs("^C\n", stdout);
+            return 0;
+        }
+        if (read(STDIN_FILENO, &byte, 1) != 1) return 0;
         const std::size_t size = std::mbrtowc(&character, &byte, 1, &state);
         const bool incomplete = size == static_cast<std::size_t>(-2);
         if (incomplete) continue;

@@ -15,6 +15,10 @@ class Prompt : public LineSource {
   public:
     /// The context must outlive this object.
     explicit Prompt(CommandContext& context);
+    /// Keeps the history for the next time, in the user's state directory.
+    ~Prompt() override;
+    Prompt(const Prompt&) = delete;
+    Prompt& operator=(const Prompt&) = delete;
 
     std::optional<std::string> next() override;
 
@@ -29,6 +33,8 @@ class Prompt : public LineSource {
     const Services& services_;
     std::unique_ptr<History, void (*)(History*)> history_;
     std::unique_ptr<EditLine, void (*)(EditLine*)> editor_;
+    /// Whether the line that was begun is given up.
+    bool cancelled_ = false;
     /// Held while the editor draws, released while it waits for a key.
     std::unique_lock<std::mutex> console_lock_;
 };

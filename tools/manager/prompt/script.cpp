@@ -41,6 +41,10 @@ Outcome run(const std::string& name, const Action& step, CommandContext& context
     if (const int signal = context.interruption.signal()) {
         outcome = {kInterrupted + signal, fmt::format("interrupted by signal {}", signal)};
     }
+    const std::size_t faults = context.traffic.faults;
+    if (context.strict && outcome.status == kSucceeded && faults > 0) {
+        outcome = {kCommandFailed, fmt::format("services made {} faults, see above", faults)};
+    }
     tell_outcome(name, outcome, context.console);
     return outcome;
 }
@@ -78,6 +82,8 @@ void run_prompt(LineSource& lines, CommandContext& context) {
         if (!line) return;
         const Outcome outcome = run_command(*line, context);
         if (outcome.status != kSucceeded) context.console.error(outcome.message);
+        // Ctrl-C has ended the command, not the program.
+        if (context.interruption.forgive()) context.manager.set_waiting(true);
     }
 }
 

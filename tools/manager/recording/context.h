@@ -18,6 +18,8 @@ struct CommandContext {
     Traffic& traffic;
     /// Set by the command that ends the program.
     bool quit = false;
+    /// Whether a fault of a service makes the next command of a script fail.
+    bool strict = false;
 };
 
 /// A command or a replay did not do what it is for; what() says what was expected.

@@ -20,9 +20,25 @@ struct Traffic {
     /// How many faults of services there were.
     std::atomic<std::size_t> faults{0};
 
+    /// Has only those packets shown, even on a console that shows none, that are of this message
+    /// type, client and service, as far as these are given; an empty filter ends that.
+    struct Filter {
+        std::string type = {};
+        std::optional<int> client = {};
+        /// A name or an opcode; it stands for the packets of the client that serves it.
+        std::string service = {};
+    };
+    void watch(std::optional<Filter> filter);
+
     /// Has the conversation of the Manager shown on the console and followed by the members. All
     /// must outlive the Manager.
     void follow(SimulatedManager& manager, Console& console);
+
+  private:
+    void show(const Packet& packet, const std::optional<Json::Value>& message, Console& console);
+
+    std::mutex mutex_;
+    std::optional<Filter> filter_;
 };
 
 }  // namespace manager

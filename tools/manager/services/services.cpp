@@ -212,21 +212,27 @@ void Services::ask_start(int client, const Json::Value& message) {
 }
 
 void Services::start(int client, const Json::Value& message) {
-    auto& states = sessions_[{client, number_of(member(message, "session_id"))}];
+    const auto session = sessions_.find({client, number_of(member(message, "session_id"))});
+    if (session == sessions_.end()) {
+        return complain("start_session that the Manager has not asked for");
+    }
     const auto accepted = opcodes_of(message);
     const bool success = text_of(member(message, "Result")) == "Success";
-    for (auto& [opcode, state] : states) {
+    for (auto& [opcode, state] : session->second) {
         if (state != SessionState::Starting) continue;
         const bool named = std::count(accepted.begin(), accepted.end(), opcode) != 0;
         state = success && named ? SessionState::Started : SessionState::Refused;
     }
-    if (states.empty()) complain("start_session that the Manager has not asked for");
 }
 
 void Services::ask_ready_session(int client, const Json::Value& message) {
-    auto& states = sessions_[{client, number_of(member(message, "session_id"))}];
+    const auto session = sessions_.find({client, number_of(member(message, "session_id"))});
+    if (session == sessions_.end()) return;
     for (const Opcode opcode : opcodes_of(message)) {
-        if (states[opcode] == SessionState::Started) states[opcode] = SessionState::Ready;
+        const auto state = session->second.find(opcode);
+        const bool is_started =
+            state != session->second.end() && state->second == SessionState::Started;
+        if (is_started) state->second = SessionState::Ready;
     }
 }
 

@@ -102,7 +102,7 @@ bool SimulatedManager::wait(Lock& lock, Timeout timeout, Done done) {
     bool reached = false;
     changed_.wait_until(lock, Clock::now() + std::min(timeout, kMaxDuration), [&] {
         reached = done();
-        return reached || !running_;
+        return reached || !running_ || !waiting_;
     });
     return reached;
 }
@@ -136,6 +136,12 @@ bool SimulatedManager::wait_for_disconnect(int client, Timeout timeout) {
 bool SimulatedManager::wait_until(const std::function<bool()>& done, Timeout timeout) {
     Lock lock(mutex_);
     return wait(lock, timeout, done);
+}
+
+void SimulatedManager::set_waiting(bool waiting) {
+    const Lock lock(mutex_);
+    waiting_ = waiting;
+    changed_.notify_all();
 }
 
 std::vector<int> SimulatedManager::clients() const {

@@ -136,6 +136,10 @@ class SimulatedManager {
     /// know.
     bool wait_until(const std::function<bool()>& done, Timeout timeout);
 
+    /// Whether waiting calls wait, as they do at first. While they do not, they return at once, as
+    /// if the time were over.
+    void set_waiting(bool waiting);
+
     /// The numbers of the connected clients, in the order in which they connected.
     std::vector<int> clients() const;
 
@@ -210,6 +214,7 @@ class SimulatedManager {
     bool running_ = false;
     Ending ending_ = Ending::Orderly;
     bool reading_ = true;
+    bool waiting_ = true;
     /// Only the Manager's thread adds and removes elements.
     std::list<ConnectedClient> clients_;
     int last_client_ = 0;

@@ -28,6 +28,7 @@ void Answers::Rule::set(bool refused, std::optional<Opcode> opcode) {
 }
 
 bool Answers::refuses(const Request& request) const {
+    if (!request.fault.empty()) return true;
     const Rule& found = rule(request.step);
     const bool is_exception = request.opcode && found.exceptions.count(*request.opcode) != 0;
     return found.refuse_all != is_exception;

@@ -26,6 +26,8 @@ struct Request {
     std::optional<std::int64_t> query;
     /// The permissions or the information that a query names.
     std::vector<std::string> names;
+    /// Why it has to be refused, if it has to.
+    std::string fault = {};
 };
 
 /// The parts of a task's reply that the Manager reads.
@@ -37,6 +39,11 @@ struct ReplyHead {
 
 /// Returns what `message` asks for if it has the type of a request, whatever else it holds.
 std::optional<Request> read_request(const Json::Value& message);
+
+/// What can be read from a text of a client that is no JSON, since clients escape nothing: an AUTH
+/// with its opcode, and the head of a reply.
+std::optional<Request> read_broken_auth(const std::string& text);
+std::optional<ReplyHead> read_broken_reply(const std::string& text);
 
 /// Returns the head of `message` if it is the reply to a task.
 std::optional<ReplyHead> read_reply(const Json::Value& message);

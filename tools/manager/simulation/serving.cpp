@@ -174,10 +174,9 @@ void SimulatedManager::notify(int client, Change change) {
 
 void SimulatedManager::handle(ConnectedClient& client, const Packet& packet) {
     const auto message = parse_json(packet.text);
-    if (!message) return;
-    if (const auto request = read_request(*message)) {
+    if (const auto request = message ? read_request(*message) : read_broken_auth(packet.text)) {
         answer(client, *request);
-    } else if (const auto reply = read_reply(*message)) {
+    } else if (const auto reply = message ? read_reply(*message) : read_broken_reply(packet.text)) {
         replies_.keep(*reply, packet);
     }
 }
