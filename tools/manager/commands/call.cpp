@@ -8,7 +8,7 @@
 #include "manager/base/json.h"
 #include "manager/calls/load.h"
 #include "manager/commands/arguments.h"
-#include "manager/commands/parsers.h"
+#include "manager/commands/tables.h"
 #include "manager/commands/typed_arguments.h"
 
 namespace manager {
@@ -283,12 +283,32 @@ Action parse_typed(Words& words, CallOptions options) {
 
 }  // namespace
 
-Action parse_call(Words& words) {
-    CallOptions options;
-    take_options(words, kOptions, options);
-    const bool is_typed =
-        Words(words).word("SERVICE.FUNCTION or SESSION").find('.') != std::string::npos;
-    return is_typed ? parse_typed(words, options) : parse_raw(words, options);
-}
+const Commands kCallCommands{
+    {"call",
+     "[--session N] [--status N] [--timeout MS] [--count N] [--in-flight M] "
+     "SERVICE.FUNCTION [NAME=]VALUE... | SESSION OPCODE:SUBSYS NAME [ARGS-JSON]",
+     "Have a function executed and print its reply. SERVICE is a name or an opcode. The values "
+     "are\n"
+     "checked against what the service declares before anything is sent; one of a struct is an\n"
+     "object, one of a vector an array, one with blanks goes between quotes:\n"
+     "    call lamp.set_scene scene='{\"name\":\"x\",\"zones\":[1,2]}' seconds=2.5\n"
+     "Opens a session by itself, from number 1000 on, which later calls use, too, unless "
+     "--session\n"
+     "says which. Fails if the status of the reply is not 0, or that of --status, or if no reply\n"
+     "comes within --timeout (5000 ms).\n"
+     "The second form sends anything, even what is not declared, and takes any status unless\n"
+     "--status is given; ARGS-JSON is the array of arguments as the task has it, as in\n"
+     "[{\"id\":0,\"type\":\"uint8\",\"value\":5}].\n"
+     "With --count, executes the function N times with M tasks in flight (1) and prints figures; "
+     "a\n"
+     "terminal then shows a bar instead of the packets.",
+     [](Words& words) {
+         CallOptions options;
+         take_options(words, kOptions, options);
+         const std::string first = Words(words).word("SERVICE.FUNCTION or SESSION");
+         const bool is_typed = first.find('.') != std::string::npos;
+         return is_typed ? parse_typed(words, options) : parse_raw(words, options);
+     }},
+};
 
 }  // namespace manager

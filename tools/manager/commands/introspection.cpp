@@ -3,7 +3,7 @@
 
 #include "manager/base/json.h"
 #include "manager/commands/arguments.h"
-#include "manager/commands/parsers.h"
+#include "manager/commands/tables.h"
 
 namespace manager {
 namespace {
@@ -80,9 +80,12 @@ void describe_service(CommandContext& context, const Service& service, const Fun
 }
 
 void describe_named(CommandContext& context, const std::string& name) {
-    if (const auto service = context.traffic.services.find(name)) {
-        return describe_service(context, *service, nullptr);
+    for (const Service& service : context.traffic.services.list()) {
+        const bool is_named = service.name() == name || hexadecimal(name) == service.opcode;
+        if (name.empty() || is_named) describe_service(context, service, nullptr);
+        if (is_named) return;
     }
+    if (name.empty()) return;
     const auto [service, function] = find_function(context, name);
     describe_service(context, service, service.definition.find(function));
 }
@@ -115,21 +118,18 @@ std::pair<Service, std::string> find_function(const CommandContext& context,
                                  function, known.empty() ? "none" : join(known)));
 }
 
-Action parse_services(Words&) {
-    return show_services;
-}
-
-Action parse_describe(Words& words) {
-    if (!words.at_end()) {
-        return [name = take_text(words, "SERVICE.FUNCTION")](CommandContext& context) {
-            describe_named(context, name);
-        };
-    }
-    return [](CommandContext& context) {
-        for (const Service& service : context.traffic.services.list()) {
-            describe_service(context, service, nullptr);
-        }
-    };
-}
+const Commands kServiceCommands{
+    {"services", "",
+     "List the services that are registered: the opcode, the name, the subsystems, the client,\n"
+     "whether it is ready, and the sessions that it takes part in.",
+     [](Words&) -> Action { return show_services; }},
+    {"describe", "[SERVICE[.FUNCTION]]",
+     "Show the functions that a service, given by its name or opcode, or every service declares,\n"
+     "with the types of arguments and results; of one function an example of a call, too.",
+     [](Words& words) -> Action {
+         const std::string name = words.at_end() ? "" : take_text(words, "SERVICE.FUNCTION");
+         return [name](CommandContext& context) { describe_named(context, name); };
+     }},
+};
 
 }  // namespace manager

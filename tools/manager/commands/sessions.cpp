@@ -1,39 +1,35 @@
 #include "manager/commands/arguments.h"
-#include "manager/commands/parsers.h"
+#include "manager/commands/tables.h"
 
 namespace manager {
-namespace {
 
-struct Session {
-    std::int64_t id;
-    std::vector<Target> targets;
+const Commands kSessionCommands{
+    {"start", "SESSION OPCODE:SUBSYS[,SUBSYS]...",
+     "Start a session for the subsystems of one or more opcodes. OPCODE is hexadecimal, SESSION\n"
+     "and SUBSYS are decimal.",
+     [](Words& words) -> Action {
+         const std::int64_t session = take_session(words);
+         return [session, targets = take_targets(words)](CommandContext& context) {
+             context.manager.start_session(session, targets);
+         };
+     }},
+    {"ready", "SESSION OPCODE:SUBSYS[,SUBSYS]...", "Report a session as ready.",
+     [](Words& words) -> Action {
+         const std::int64_t session = take_session(words);
+         return [session, targets = take_targets(words)](CommandContext& context) {
+             context.manager.ready_session(session, targets);
+         };
+     }},
+    {"end", "SESSION [OPCODE:SUBSYS[,SUBSYS]...]...",
+     "End a session for these subsystems or, without any, as a whole: for the clients for which\n"
+     "it was started, for every client if there are none.",
+     [](Words& words) -> Action {
+         const std::int64_t session = take_session(words);
+         const auto targets = words.at_end() ? std::vector<Target>() : take_targets(words);
+         return [session, targets](CommandContext& context) {
+             context.manager.end_session(session, targets);
+         };
+     }},
 };
-
-Session take_session_targets(Words& words) {
-    // Braces, because they take the words from left to right.
-    return {take_session(words), take_targets(words)};
-}
-
-}  // namespace
-
-Action parse_start(Words& words) {
-    return [session = take_session_targets(words)](CommandContext& context) {
-        context.manager.start_session(session.id, session.targets);
-    };
-}
-
-Action parse_ready(Words& words) {
-    return [session = take_session_targets(words)](CommandContext& context) {
-        context.manager.ready_session(session.id, session.targets);
-    };
-}
-
-Action parse_end(Words& words) {
-    const std::int64_t session = take_session(words);
-    const auto targets = words.at_end() ? std::vector<Target>() : take_targets(words);
-    return [session, targets](CommandContext& context) {
-        context.manager.end_session(session, targets);
-    };
-}
 
 }  // namespace manager

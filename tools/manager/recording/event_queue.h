@@ -1,40 +1,43 @@
 #pragma once
 
-#include <chrono>
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <variant>
 
-#include "manager/base/file_descriptor.h"
-#include "manager/console/interruption.h"
 #include "manager/simulation/packet.h"
 
 namespace manager {
 
-/// Keeps what happens in a conversation, in order, for one reader, while it is open. Thread-safety:
-/// next() is for one thread at a time, the other members may be called from any thread.
+/// Keeps what happens in a conversation, in order, while it is open. Thread-safety: every member
+/// may be called from any thread.
 class EventQueue {
   public:
     using Event = std::variant<Packet, ConnectionChange>;
 
-    EventQueue();
+    /// Drops what was not taken.
+    void set_open(bool open) {
+        const std::lock_guard lock(mutex_);
+        is_open_ = open;
+        events_.clear();
+    }
 
-    void open();
-    /// Drops what was not read.
-    void close();
-    void add(const Event& event);
+    void add(const Event& event) {
+        const std::lock_guard lock(mutex_);
+        if (is_open_) events_.push_back(event);
+    }
 
-    /// Waits for the next event; returns nothing at the deadline or when the program is
-    /// interrupted.
-    std::optional<Event> next(const Interruption& interruption,
-                              std::chrono::steady_clock::time_point deadline);
+    /// Removes and returns the oldest.
+    std::optional<Event> take() {
+        const std::lock_guard lock(mutex_);
+        if (events_.empty()) return std::nullopt;
+        Event event = std::move(events_.front());
+        events_.pop_front();
+        return event;
+    }
 
   private:
-    std::optional<Event> take();
-
-    /// Readable while there are events.
-    FileDescriptor filled_;
     std::mutex mutex_;
     bool is_open_ = false;
     std::deque<Event> events_;

@@ -37,7 +37,7 @@ std::optional<QueryId> find_query_id(const std::string& text) {
 Replay::Replay(const std::string& file, ReplayOptions options, CommandContext& context)
     : file_(file), options_(std::move(options)), context_(context), events_(read_recording(file)) {
     context_.manager.set_answering(false, [this](const std::vector<int>& clients) {
-        context_.traffic.events.open();
+        context_.traffic.events.set_open(true);
         for (const int number : clients) {
             present_.push_back(number);
             clients_[number] = {number};
@@ -47,7 +47,7 @@ Replay::Replay(const std::string& file, ReplayOptions options, CommandContext& c
 
 Replay::~Replay() {
     context_.manager.set_answering(
-        true, [this](const std::vector<int>&) { context_.traffic.events.close(); });
+        true, [this](const std::vector<int>&) { context_.traffic.events.set_open(false); });
 }
 
 void Replay::run() {
@@ -155,8 +155,11 @@ template <typename Done, typename Complaint>
 void Replay::await(const RecordedEvent& event, Done done, Complaint complaint) {
     const auto deadline = std::chrono::steady_clock::now() + options_.timeout;
     while (!done()) {
-        const auto next = context_.traffic.events.next(context_.interruption, deadline);
-        if (!next) {
+        std::optional<EventQueue::Event> next;
+        const auto take = [&] { return (next = context_.traffic.events.take()).has_value(); };
+        const auto left = deadline - std::chrono::steady_clock::now();
+        using std::chrono::milliseconds;
+        if (!context_.manager.wait_until(take, std::chrono::ceil<milliseconds>(left))) {
             fail(event, fmt::format("within {} ms {}", options_.timeout.count(), complaint()));
         }
         note(*next);
@@ -165,10 +168,7 @@ void Replay::await(const RecordedEvent& event, Done done, Complaint complaint) {
 
 /// Takes note of what has happened so far.
 void Replay::note_all() {
-    const auto now = std::chrono::steady_clock::now();
-    while (const auto event = context_.traffic.events.next(context_.interruption, now)) {
-        note(*event);
-    }
+    while (const auto event = context_.traffic.events.take()) note(*event);
 }
 
 void Replay::note(const EventQueue::Event& event) {

@@ -181,8 +181,4 @@ std::optional<Reply> SimulatedManager::await_reply(std::optional<std::int64_t> t
     return reply;
 }
 
-std::optional<Reply> SimulatedManager::await_any_reply(Timeout timeout) {
-    return await_reply(std::nullopt, timeout);
-}
-
 }  // namespace manager

@@ -8,6 +8,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -21,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "manager/base/durations.h"
 #include "manager/base/error.h"
 #include "manager/base/file_descriptor.h"
 #include "manager/simulation/answers.h"
@@ -93,19 +95,21 @@ class SimulatedManager {
     /// Refuses or accepts requests of a step from now on: for the opcode, or for all opcodes if
     /// none is given. Only Auth and Ready have opcodes. The refusal of an Info is "ERROR:refused"
     /// for each name, the others are a -1.
-    void refuse(Step step, std::optional<Opcode> opcode = std::nullopt);
-    void accept(Step step, std::optional<Opcode> opcode = std::nullopt);
+    void refuse(Step step, std::optional<Opcode> opcode = {}) { rules()->refuse(step, opcode); }
+    void accept(Step step, std::optional<Opcode> opcode = {}) { rules()->accept(step, opcode); }
 
     /// Sends answers of the step that much later, up to 24 hours, unless their client has gone by
     /// then or the Manager stopped. They hold up nothing else.
-    void set_delay(Step step, std::chrono::milliseconds delay);
+    void set_delay(Step step, std::chrono::milliseconds delay) {
+        rules()->set_delay(step, std::min(delay, kMaxDuration));
+    }
 
     /// Whether requests of the step get no answer at all, unless by send(); two names of one rule.
-    void set_drop(Step step, bool drop);
+    void set_drop(Step step, bool drop) { rules()->set_drop(step, drop); }
     void set_silent(Step step, bool silent) { set_drop(step, silent); }
 
     /// Whether each answer of the step is sent twice.
-    void set_twice(Step step, bool twice);
+    void set_twice(Step step, bool twice) { rules()->set_twice(step, twice); }
 
     /// Whether requests are answered at all, as they are at first. `at_once`, if it is not empty,
     /// is called between two packets, at the moment of the change, with the connected clients; it
@@ -113,12 +117,14 @@ class SimulatedManager {
     void set_answering(bool answering,
                        const std::function<void(const std::vector<int>& clients)>& at_once = {});
 
-    void grant(const std::string& permission);
-    void deny(const std::string& permission);
+    void grant(const std::string& permission) { rules()->grant(permission); }
+    void deny(const std::string& permission) { rules()->deny(permission); }
 
     /// Sets the result of a piece of information, as in "SUCCESS:87". One that was never set gives
     /// "ERROR:unknown".
-    void set_info(const std::string& name, const std::string& text);
+    void set_info(const std::string& name, const std::string& text) {
+        rules()->set_info(name, text);
+    }
 
     /// Waits for the next packet from a client that `matcher` matches, counting from the one that
     /// the last successful expect() returned, whether it has come already or is still to come.
@@ -163,12 +169,20 @@ class SimulatedManager {
     /// Waits for the reply to a transaction of exec_task(), or to any of them. Each reply is
     /// returned once. Returns nothing when the time is over or the Manager does not run.
     std::optional<Reply> await_reply(std::optional<std::int64_t> transaction, Timeout timeout);
-    std::optional<Reply> await_any_reply(Timeout timeout);
+    std::optional<Reply> await_any_reply(Timeout timeout) { return await_reply({}, timeout); }
 
   private:
     using Clock = std::chrono::steady_clock;
     using Lock = std::unique_lock<std::mutex>;
     using TargetsByClient = std::map<int, std::vector<Target>>;
+
+    /// The rules of the answers, with the lock held.
+    struct LockedRules {
+        Answers* operator->() const { return answers; }
+        Lock lock;
+        Answers* answers;
+    };
+    LockedRules rules() { return {Lock(mutex_), &answers_}; }
 
     // Run on the Manager's thread.
     void serve();

@@ -1,36 +1,8 @@
 // The parts of SimulatedManager that answer requests.
 
-#include <algorithm>
-
-#include "manager/base/durations.h"
 #include "manager/simulation/Manager.h"
 
 namespace manager {
-
-void SimulatedManager::refuse(Step step, std::optional<Opcode> opcode) {
-    const Lock lock(mutex_);
-    answers_.refuse(step, opcode);
-}
-
-void SimulatedManager::accept(Step step, std::optional<Opcode> opcode) {
-    const Lock lock(mutex_);
-    answers_.accept(step, opcode);
-}
-
-void SimulatedManager::set_delay(Step step, std::chrono::milliseconds delay) {
-    const Lock lock(mutex_);
-    answers_.set_delay(step, std::min(delay, kMaxDuration));
-}
-
-void SimulatedManager::set_drop(Step step, bool drop) {
-    const Lock lock(mutex_);
-    answers_.set_drop(step, drop);
-}
-
-void SimulatedManager::set_twice(Step step, bool twice) {
-    const Lock lock(mutex_);
-    answers_.set_twice(step, twice);
-}
 
 void SimulatedManager::set_answering(
     bool answering, const std::function<void(const std::vector<int>& clients)>& at_once) {
@@ -38,21 +10,6 @@ void SimulatedManager::set_answering(
     answering_ = answering;
     if (!answering) delayed_.clear();
     if (at_once) at_once(client_numbers());
-}
-
-void SimulatedManager::grant(const std::string& permission) {
-    const Lock lock(mutex_);
-    answers_.grant(permission);
-}
-
-void SimulatedManager::deny(const std::string& permission) {
-    const Lock lock(mutex_);
-    answers_.deny(permission);
-}
-
-void SimulatedManager::set_info(const std::string& name, const std::string& text) {
-    const Lock lock(mutex_);
-    answers_.set_info(name, text);
 }
 
 void SimulatedManager::answer(ConnectedClient& client, const Request& request) {

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
@@ -23,10 +25,22 @@ class DelayedAnswers {
     void clear() { answers_.clear(); }
 
     /// For how long poll() may wait until the first is due; -1 if there is none.
-    int poll_timeout(Time now) const;
+    int poll_timeout(Time now) const {
+        if (answers_.empty()) return -1;
+        // Rounded up: to poll for nothing until the time comes would take the processor.
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(answers_.begin()->first - now).count();
+        return static_cast<int>(std::max<std::int64_t>(left, 0));
+    }
 
     /// Removes and returns those that are due by now, the one that was due first first.
-    std::vector<Answer> take_due(Time now);
+    std::vector<Answer> take_due(Time now) {
+        const auto end = answers_.upper_bound(now);
+        std::vector<Answer> due;
+        for (auto it = answers_.begin(); it != end; ++it) due.push_back(std::move(it->second));
+        answers_.erase(answers_.begin(), end);
+        return due;
+    }
 
   private:
     std::multimap<Time, Answer> answers_;

@@ -5,6 +5,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "manager/simulation/packet.h"
 #include "manager/simulation/requests.h"
@@ -29,10 +30,23 @@ class Replies {
     void expect(std::int64_t transaction, Time sent) { pending_.emplace(transaction, sent); }
 
     /// Keeps the reply if it is the first to a task.
-    void keep(const ReplyHead& head, const Packet& packet);
+    void keep(const ReplyHead& head, const Packet& packet) {
+        const auto task = pending_.find(head.transaction);
+        if (task == pending_.end()) return;
+        replies_.push_back({head.transaction, head.status, packet.time - task->second, packet});
+        pending_.erase(task);
+    }
 
     /// Removes and returns the reply to the transaction or, without one, the oldest reply.
-    std::optional<Reply> take(std::optional<std::int64_t> transaction);
+    std::optional<Reply> take(std::optional<std::int64_t> transaction) {
+        for (auto reply = replies_.begin(); reply != replies_.end(); ++reply) {
+            if (transaction && reply->transaction != *transaction) continue;
+            Reply taken = std::move(*reply);
+            replies_.erase(reply);
+            return taken;
+        }
+        return std::nullopt;
+    }
 
   private:
     /// When each task that has no reply yet was sent.
