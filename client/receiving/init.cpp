@@ -7,6 +7,7 @@
 #include "client/link/connection.h"
 #include "client/link/life.h"
 #include "client/receiving/receive.h"
+#include "client/services/deinit.h"
 #include "client/sessions/sessions.h"
 #include "client/utility/json_access.h"
 #include "client/utility/logging.h"
@@ -25,17 +26,6 @@ int existing_service_id() NO_THREAD_SAFETY_ANALYSIS {
     return id;
 }
 
-// Forgets what calls of an earlier life have left. They could not be de-initialised if the Manager
-// had taken the service id back.
-void clear_tables() EXCLUDES(gAuthMutex, gReadyMutex) {
-    {
-        std::lock_guard<std::mutex> lock(gAuthMutex);
-        gAuth.clear();
-    }
-    std::lock_guard<std::mutex> lock(gReadyMutex);
-    gReady.clear();
-}
-
 // Begins a life unless one goes on whose receive thread still reads from the Manager. Returns
 // whether it did. A thread that recovers an older connection, or has yet to see that it is lost,
 // gives way.
@@ -49,7 +39,7 @@ bool begin_life() EXCLUDES(gInitMutex) {
     }
     wake_waits();
     await_session_callback();
-    clear_tables();
+    forget_registrations();  // no de-initialisation did if the Manager had taken the id back
     return true;
 }
 

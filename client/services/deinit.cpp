@@ -1,11 +1,10 @@
-// vexa_svc_deinit(): ends the life of the connection and forgets what belonged to it.
+#include "client/services/deinit.h"
 
 #include <cinttypes>
 #include <cstdio>
 #include <mutex>
 #include <utility>
 
-#include "client/IVexaClient.h"
 #include "client/link/connection.h"
 #include "client/link/life.h"
 #include "client/services/change_notices.h"
@@ -48,16 +47,6 @@ void take_leave(std::uint32_t service_id) {
     gInitDone = false;
 }
 
-void drop_registrations() EXCLUDES(gAuthMutex) {
-    std::lock_guard<std::mutex> lock(gAuthMutex);
-    gAuth.clear();
-}
-
-void forget_ready_services() EXCLUDES(gReadyMutex) {
-    std::lock_guard<std::mutex> lock(gReadyMutex);
-    gReady.clear();
-}
-
 void forget_service_id(std::uint32_t service_id) EXCLUDES(gClientMutex) {
     std::lock_guard<std::mutex> lock(gClientMutex);
     gService_id = -1;
@@ -68,6 +57,15 @@ void forget_service_id(std::uint32_t service_id) EXCLUDES(gClientMutex) {
 }
 
 }  // namespace
+
+void forget_registrations() {
+    {
+        std::lock_guard<std::mutex> lock(gAuthMutex);
+        gAuth.clear();
+    }
+    std::lock_guard<std::mutex> lock(gReadyMutex);
+    gReady.clear();
+}
 
 int vexa_svc_deinit(std::uint32_t service_id) {
     Life life = kNoLife;
@@ -80,9 +78,8 @@ int vexa_svc_deinit(std::uint32_t service_id) {
     if (gInitDone || gIsOneService || was_receiving) take_leave(service_id);
     close_connection();  // the receive thread may have reconnected before it ended
     await_session_callback();
-    drop_registrations();
+    forget_registrations();
     supported_services_clear();
-    forget_ready_services();
     forget_service_id(service_id);
     return 0;
 }
