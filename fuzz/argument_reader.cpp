@@ -48,8 +48,8 @@ constexpr Readers kReadersOf = {read_scalar<T>, read_vector<T>};
 // In the order of the tags, from VEXON_TYPE_UINT8 and VEXON_TYPE_VECTOR_UINT8 on.
 constexpr Readers kReaders[] = {
     kReadersOf<unsigned char>, kReadersOf<unsigned short>, kReadersOf<unsigned int>,
-    kReadersOf<unsigned long>, kReadersOf<signed char>,    kReadersOf<short>,
-    kReadersOf<int>,           kReadersOf<long>,           kReadersOf<double>,
+    kReadersOf<std::uint64_t>, kReadersOf<signed char>,    kReadersOf<short>,
+    kReadersOf<int>,           kReadersOf<std::int64_t>,   kReadersOf<double>,
     kReadersOf<std::string>,   kReadersOf<bool>,           kReadersOf<int>,
     kReadersOf<std::string>,
 };

@@ -103,11 +103,11 @@ enum vexon_data_type_t : std::int32_t {
     VEXON_TYPE_UINT8 = 1,      ///< ParamValues<unsigned char>
     VEXON_TYPE_UINT16 = 2,     ///< ParamValues<unsigned short>
     VEXON_TYPE_UINT32 = 3,     ///< ParamValues<unsigned int>
-    VEXON_TYPE_UINT64 = 4,     ///< ParamValues<unsigned long>
+    VEXON_TYPE_UINT64 = 4,     ///< ParamValues<std::uint64_t>
     VEXON_TYPE_INT8 = 5,       ///< ParamValues<signed char>
     VEXON_TYPE_INT16 = 6,      ///< ParamValues<short>
     VEXON_TYPE_INT32 = 7,      ///< ParamValues<int>
-    VEXON_TYPE_INT64 = 8,      ///< ParamValues<long>
+    VEXON_TYPE_INT64 = 8,      ///< ParamValues<std::int64_t>
     VEXON_TYPE_DOUBLE = 9,     ///< ParamValues<double>
     VEXON_TYPE_STRING = 10,    ///< ParamValues<std::string>
     VEXON_TYPE_BOOLEAN = 11,   ///< ParamValues<bool>
@@ -414,11 +414,11 @@ VEXON_API std::vector<std::string> vexa_definition_mismatches(const std::string&
 /// digits is ignored.
 VEXON_API int stoi_validation(std::string text, int* out);
 
-/// Decimal, as std::stoul converts, of which the low 32 bits are kept.
+/// Decimal, as std::stoull converts, of which the low 32 bits are kept.
 VEXON_API int stoul_validation(std::string text, unsigned int* out);
 
 /// Decimal, as std::stoull converts.
-VEXON_API int stoull_validation(std::string text, unsigned long* out);
+VEXON_API int stoull_validation(std::string text, std::uint64_t* out);
 
 /// Writes "true" or "false".
 VEXON_API void vexon_bool_to_string(bool value, std::string* out);

@@ -12,12 +12,13 @@
 /// that is itself an argument is its position among the arguments, counted from 0.
 ///
 /// Types. Ask for the type that the API definition names, by this table; what is not in it does not
-/// compile. std::int64_t and std::uint64_t are long and unsigned long where a long has 64 bits.
+/// compile. std::int64_t and std::uint64_t are long and unsigned long where a long has 64 bits, and
+/// long long elsewhere.
 ///
 ///     uint8    unsigned char      int8    signed char    double    double
 ///     uint16   unsigned short     int16   short          string    std::string
 ///     uint32   unsigned int       int32   int            boolean   bool
-///     uint64   unsigned long      int64   long           enum      vexon::Enum
+///     uint64   std::uint64_t      int64   std::int64_t   enum      vexon::Enum
 ///     struct   vexon::Struct                             bnry_blb  vexon::Blob
 ///
 /// A vector of them is a std::vector. What differs is what a value is held as: vexon::Enum as int,
@@ -32,6 +33,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -75,7 +77,7 @@ struct Type<unsigned short> : Entry<VEXON_TYPE_UINT16, unsigned short> {};
 template <>
 struct Type<unsigned int> : Entry<VEXON_TYPE_UINT32, unsigned int> {};
 template <>
-struct Type<unsigned long> : Entry<VEXON_TYPE_UINT64, unsigned long> {};
+struct Type<std::uint64_t> : Entry<VEXON_TYPE_UINT64, std::uint64_t> {};
 template <>
 struct Type<signed char> : Entry<VEXON_TYPE_INT8, signed char> {};
 template <>
@@ -83,7 +85,7 @@ struct Type<short> : Entry<VEXON_TYPE_INT16, short> {};
 template <>
 struct Type<int> : Entry<VEXON_TYPE_INT32, int> {};
 template <>
-struct Type<long> : Entry<VEXON_TYPE_INT64, long> {};
+struct Type<std::int64_t> : Entry<VEXON_TYPE_INT64, std::int64_t> {};
 template <>
 struct Type<double> : Entry<VEXON_TYPE_DOUBLE, double> {};
 template <>

@@ -24,6 +24,7 @@ TEST_F(ServiceTest, RegistrationChecksTheDefinition) {
         {"no header", valid, 26, 0, "Duplicate service registration 0x0000001a::1"},
         {"longer than a line", "\x02" + large, 26, 0, "json is " + large.substr(0, 2500)},
         {"opcode with 0x", "\x02" + definition("0x1A", ""), 26, 0, "json is {\"Vexon\":"},
+        {"of an opcode the low 32 bits", "\x02" + definition("30000001a", ""), 26, 0, "json is {"},
         {"header cut short", "\x01VEX" + valid, 26, 0, "json is {\"Vexon\":"},
         {"no opcode is opcode 0", "\x02{\"Vexon\":{}}", 0, 0, "json is {\"Vexon\":{}}"},
         {"a subsystem without id is 0", "\x02" + definition("1a", "{}"), 26, 0,

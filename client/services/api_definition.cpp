@@ -32,7 +32,7 @@ void read_members(const Json::Value& root, ApiDefinition* definition) {
     const Json::Value& service = member(root, "Vexon");
     definition->opcode_text = text_member(service, "opcode", "0");
     definition->opcode =
-        static_cast<std::uint32_t>(std::strtoul(definition->opcode_text.c_str(), nullptr, 16));
+        static_cast<std::uint32_t>(std::strtoull(definition->opcode_text.c_str(), nullptr, 16));
     for (const Json::Value& subsystem : member(service, "subsystems")) {
         definition->subsystems.push_back(uint_member(subsystem, "id", 0));
     }

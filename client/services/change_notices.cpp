@@ -66,7 +66,7 @@ AfterMessage on_permission_change(const Json::Value& message) {
     vexa_req_t notice{};
     notice.status = VEXA_STATUS_PERMISSION_CHANGE;
     const std::string session_id = text_member(message, "sesson_id", "0");  // spelt like this
-    notice.session_id = static_cast<std::uint32_t>(std::strtoul(session_id.c_str(), nullptr, 10));
+    notice.session_id = static_cast<std::uint32_t>(std::strtoull(session_id.c_str(), nullptr, 10));
     const std::string granted = text_member(message, "status", "0");
     notice.permission_status = std::strtol(granted.c_str(), nullptr, 10) != 0 ? 1 : 0;
     notice.permission = text_member(message, "permission", "");

@@ -46,7 +46,7 @@ std::vector<SessionTarget> read_session_targets(const Json::Value& message) {
     std::vector<SessionTarget> targets;
     for (const Json::Value& element : member(message, "opcodes")) {
         const std::string opcode = text_member(element, "id", "0");
-        SessionTarget target{static_cast<std::uint32_t>(std::strtoul(opcode.c_str(), nullptr, 16)),
+        SessionTarget target{static_cast<std::uint32_t>(std::strtoull(opcode.c_str(), nullptr, 16)),
                              {}};
         for (const Json::Value& subsystem : member(element, "subsystems")) {
             target.subsystems.push_back(uint_member(subsystem, "id", 0));

@@ -24,7 +24,7 @@ constexpr std::size_t kLoggedName = 100;
 
 std::uint32_t hexadecimal_opcode(const Json::Value& message, const char* missing) {
     const std::string text = text_member(message, "opcode", missing);
-    return static_cast<std::uint32_t>(std::strtoul(text.c_str(), nullptr, 16));
+    return static_cast<std::uint32_t>(std::strtoull(text.c_str(), nullptr, 16));
 }
 
 // Returns whether the session may run tasks of the service; if not, a log line says why.

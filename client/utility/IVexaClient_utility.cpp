@@ -48,10 +48,10 @@ int stoi_validation(std::string text, int* out) {
 }
 
 int stoul_validation(std::string text, unsigned int* out) {
-    return store_converted([&] { return std::stoul(text); }, out);
+    return store_converted([&] { return std::stoull(text); }, out);
 }
 
-int stoull_validation(std::string text, unsigned long* out) {
+int stoull_validation(std::string text, std::uint64_t* out) {
     return store_converted([&] { return std::stoull(text); }, out);
 }
 

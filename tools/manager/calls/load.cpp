@@ -52,7 +52,7 @@ LoadResult run_load(SimulatedManager& manager, const Task& task, const LoadOptio
         } else if (in_flight.erase(reply->transaction) != 0) {
             result.latencies.add(reply->latency);
             if (reply->status != 0) ++result.failed;
-            progress(result.latencies.count());
+            progress(static_cast<std::size_t>(result.latencies.count()));
         }
     }
     result.duration = Clock::now() - begin;
