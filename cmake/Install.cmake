@@ -1,5 +1,5 @@
-# What `cmake --install` copies, in two components: `runtime` to run services and `dev` to build
-# them.
+# What `cmake --install` copies, in three components: `runtime` to run services, `dev` to build them
+# and `tools` to try them. debian/ makes packages of it.
 #
 # The library has no version beside the one in its name: a service that is linked with it names
 # libvexon2_0.so, as on a device. An incompatible interface gets another name.
@@ -45,11 +45,11 @@ if(ANDROID)
     return()
 endif()
 
-install(TARGETS vexon-manager vexon-private-dev RUNTIME COMPONENT runtime)
+install(TARGETS vexon-manager vexon-private-dev RUNTIME COMPONENT tools)
 include(ManPages)
 vexon_man_page(vexon-manager)
 vexon_man_page(vexon-private-dev)
 install(FILES packaging/vexon-manager.bash RENAME vexon-manager
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 install(FILES packaging/vexon-private-dev.bash RENAME vexon-private-dev
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)

@@ -18,5 +18,5 @@ function(vexon_man_page target)
         COMMAND "${script}" "$<TARGET_FILE:${target}>" ${PROJECT_VERSION} "${page}"
         DEPENDS ${target} "${script}")
     add_custom_target(${target}-man-page ALL DEPENDS "${page}")
-    install(FILES "${page}" DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+    install(FILES "${page}" DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 endfunction()

@@ -8,6 +8,9 @@ build_packages=(
     g++ cmake ninja-build pkg-config libjsoncpp-dev android-liblog-dev android-libbase-dev
     libcli11-dev libfmt-dev libedit-dev)
 
+# shellcheck disable=SC2034
+packaging_packages=(debhelper dpkg-dev help2man file)
+
 fail() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
     exit 1

@@ -29,7 +29,7 @@ struct CallOptions : LoadOptions {
 };
 
 std::size_t take_count(Words& words, const char* what, std::size_t max) {
-    const std::size_t count = parse_decimal(words.word(what), what, max);
+    const auto count = static_cast<std::size_t>(parse_decimal(words.word(what), what, max));
     if (count == 0) throw BadCommand(fmt::format("{} must be at least 1", what));
     return count;
 }
