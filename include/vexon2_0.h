@@ -400,7 +400,7 @@ VEXON_API std::string vector_to_string_with_quotes(std::vector<std::string> text
 
 /// Compares an author's `definition` with the one that was `made` from the functions of a service,
 /// both JSON text in the form of docs/protocol.md: opcode, name, subsystems, functions, arguments
-/// with all members, results if `definition` has any.
+/// with all members of functions that `made` has arguments of, results if `definition` has any.
 ///
 /// Returns a line for each mismatch that names the place; nothing if they agree. Any thread.
 VEXON_API std::vector<std::string> vexa_definition_mismatches(const std::string& definition,

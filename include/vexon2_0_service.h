@@ -29,6 +29,8 @@
 /// functions return a Result and ask Call::check_permission(). A process should not mix the two
 /// kinds.
 ///
+/// A call with the transaction -1, whose reply has no members, gets them as one text.
+///
 /// Staying in service. Whatever happens (no Manager yet, a refusal, a Manager that does not answer,
 /// restarts, hangs up or stays away), the service tries again: after Pace::first, then after twice
 /// as long each time up to Pace::longest, give or take a quarter by chance; the pause is
@@ -126,6 +128,22 @@ class Result {
   private:
     std::variant<T, Error> content_;
     std::int32_t return_value_;
+};
+
+/// The same for a function without a result: empty, or an error.
+template <>
+class Result<void> {
+  public:
+    /// Holds no error.
+    Result() = default;
+    /// Holds the error.
+    Result(Error error) : error_(std::move(error)) {}
+
+    /// Returns the error, or null if there is none.
+    const Error* error() const { return error_ ? &*error_ : nullptr; }
+
+  private:
+    std::optional<Error> error_;
 };
 
 /// What has become of a question for a permission.
@@ -251,6 +269,7 @@ Answer answer_of(const T& result) {
 
 template <class T>
 Answer answer_of(const std::optional<T>& result) {
+    static_assert(kHasMembers<T>, "an optional result is that of a struct that has kMembers");
     return result ? answer_of(*result) : answer_of(Object());
 }
 
@@ -260,6 +279,10 @@ Answer answer_of(const Result<T>& result) {
     Answer answer = answer_of(T(*result.value()));
     answer.return_value = result.return_value();
     return answer;
+}
+
+inline Answer answer_of(const Result<void>& result) {
+    return result.error() == nullptr ? answer_of(Object()) : answer_of(*result.error());
 }
 
 // ---- How a function looks
@@ -272,8 +295,24 @@ struct Parameter {
     using Type = std::decay_t<T>;
 };
 
+// Whether each struct that is an argument stands where its key says, its position among those that
+// are sent, even if optional ones are not.
+template <class... T>
+constexpr bool structs_have_their_place() {
+    bool may_miss = false;
+    bool have = true;
+    [[maybe_unused]] const auto look_at = [&](bool is_struct, bool is_optional) {
+        have = have && !(is_struct && may_miss);
+        may_miss = may_miss || is_optional;
+    };
+    (..., look_at(kHasMembers<typename Required<T>::Type>, kIsOptional<T>));
+    return have;
+}
+
 template <class R, class... P>
 struct Form {
+    static_assert(structs_have_their_place<typename Parameter<P>::Type...>(),
+                  "a struct cannot be an argument behind an optional one: put it first");
     using Returned = std::decay_t<R>;
     using Arguments = std::tuple<Argument<typename Parameter<P>::Type>...>;
     static constexpr bool kTakesCall = false;
@@ -286,7 +325,7 @@ template <class R, class... P>
 struct Form<R, Call, P...> : Form<R, const Call&, P...> {};
 
 template <class F, class = void>
-struct FormOf {
+struct FormOf : Form<void> {
     static_assert(kNever<F>,
                   "a function must be something with one signature: a function, a lambda without "
                   "auto parameters or an object with one operator()");
@@ -425,6 +464,21 @@ std::vector<Object> describe_arguments(const std::string* names, std::tuple<Argu
     return {describe_item<T>(kAt, names[kAt])...};
 }
 
+// Returns the names of the members of each struct that is an argument or the result of F.
+template <class... T>
+std::vector<std::vector<const char*>> names_in(std::tuple<Argument<T>...>*) {
+    std::vector<std::vector<const char*>> lists;
+    (..., add_member_names<T>(&lists));
+    return lists;
+}
+
+template <class F>
+std::vector<std::vector<const char*>> member_names() {
+    auto lists = names_in(static_cast<typename FormOf<F>::Arguments*>(nullptr));
+    add_member_names<typename FormOf<F>::Returned>(&lists);
+    return lists;
+}
+
 // A function that reads its arguments by itself declares none: they are what an author's own
 // definition says.
 template <class F>
@@ -464,6 +518,9 @@ inline std::string hexadecimal(std::uint32_t number) {
     const auto written = std::to_chars(std::begin(digits), std::end(digits), number, 16);
     return std::string(digits, written.ptr);
 }
+
+// How long taking leave may wait for a Manager that does not read.
+inline constexpr std::chrono::milliseconds kLeaveLimit{200};
 
 inline constexpr int kAlways = 0;
 inline constexpr int kFailure = 1;  // levels of vexa_log()
@@ -566,15 +623,20 @@ class Api {
                             "text");
     }
 
+    template <class Names>
+    void expect_names(const Names& names) {
+        for (auto name = std::begin(names); name != std::end(names); ++name) {
+            expect_plain(*name);
+            if (std::count(std::begin(names), name, std::string(*name)) == 0) continue;
+            problems_.push_back("there are two names \"" + std::string(*name) + "\" in one list");
+        }
+    }
+
     template <class F, std::size_t kCount>
     void add(std::string name, F run, std::array<std::string, kCount> names) {
         expect_plain(name);
-        for (std::size_t i = 0; i < kCount; ++i) {
-            expect_plain(names[i]);
-            if (std::find(names.begin(), names.begin() + i, names[i]) == names.begin() + i)
-                continue;
-            problems_.push_back(name + " has two arguments \"" + names[i] + '"');
-        }
+        for (const auto& members : internal::member_names<F>()) expect_names(members);
+        expect_names(names);
         functions_.push_back(internal::describe_function<F>(name, names));
         auto handler =
             std::make_unique<internal::TypedHandler<F>>(std::move(run), std::move(names));
@@ -623,8 +685,8 @@ namespace internal {
 
 // ---- From the library's callbacks, which know no object, to a service
 
-// One opcode, for good, so that a call that was under way when a service ended cannot get into
-// another.
+// One opcode, for good, so that a call that was under way when a service ended cannot get into one
+// of another opcode.
 struct Slot {
     std::mutex mutex;
     std::condition_variable left;
@@ -684,7 +746,8 @@ int run_task(_vexon_call_info_t* call, vexon_func_call_info_t arguments) {
     Answer answer = visit.api()->answer(*call, arguments);
     call->opcode = "0x" + hexadecimal(visit.api()->opcode());
     call->name = is_plain(arguments.func_name) ? std::move(arguments.func_name) : "unknown";
-    call->func = std::move(answer.func);
+    // Without members the reply has room for one text only.
+    call->func = call->transac_id == -1 ? escaped(answer.func) : std::move(answer.func);
     call->status = answer.status;
     call->return_value = answer.return_value;
     return 0;
@@ -705,13 +768,17 @@ inline std::size_t slot_of(Slots* all, std::uint32_t opcode) {
     return at;
 }
 
-// Has SIGINT and SIGTERM end run(), also for threads that block them. A signal that is ignored
-// stays so.
+// Has SIGINT and SIGTERM wake run(), also for a thread that blocks them, and remembers that they
+// came. A signal that is ignored stays so.
 class EndingSignals {
   public:
     EndingSignals() {
+        has_come_flag() = false;
         struct sigaction action {};
-        action.sa_handler = [](int) { ask_to_end(); };
+        action.sa_handler = [](int) {
+            has_come_flag() = true;
+            wake();
+        };
         action.sa_flags = SA_RESTART;
         sigset_t all;
         sigemptyset(&all);
@@ -731,26 +798,29 @@ class EndingSignals {
     EndingSignals(const EndingSignals&) = delete;
     EndingSignals& operator=(const EndingSignals&) = delete;
 
+    bool has_come() const { return has_come_flag(); }
+
+    // Returns when woken, perhaps before it began to wait.
+    void wait() {
+        while (sem_wait(&woken()) != 0) {
+        }
+    }
+
     // May be called from anywhere.
-    static void ask_to_end() {
+    static void wake() {
         const int error = errno;
-        sem_post(&asked());
+        sem_post(&woken());
         errno = error;
     }
 
-    static void wait() {
-        while (sem_wait(&asked()) != 0) {
-        }
-    }
-
-    // Forgets what was asked before.
-    static void forget() {
-        while (sem_trywait(&asked()) == 0) {
-        }
-    }
-
   private:
-    static sem_t& asked() {
+    static std::atomic<bool>& has_come_flag() {
+        static std::atomic<bool> flag{false};
+        return flag;
+    }
+
+    // Never destroyed: signals come until the process has ended.
+    static sem_t& woken() {
         static sem_t& semaphore = *[] {
             auto* const made = new sem_t;
             sem_init(made, 0, 0);
@@ -783,8 +853,14 @@ class Service : public Api {
             std::vector<std::uint32_t> subsystems = {1})
         : Api(opcode, std::move(name), token, std::move(subsystems), this) {}
 
-    /// stop()
-    ~Service() { stop(); }
+    /// stop(); where a function calls exit(), without waiting for functions.
+    ~Service() {
+        stop();
+        if (internal::tCalls == 0) return;
+        const std::lock_guard lock(lifecycle_);
+        if (is_started_) pthread_join(supervisor_, nullptr);
+        vacate();
+    }
 
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -796,14 +872,21 @@ class Service : public Api {
         return *others_.back();
     }
 
-    /// Has `hook` told what happens: a function of a const vexon::Event& that returns bool or
-    /// nothing. The result counts for kSessionStart. It is called for one event at a time, on the
-    /// receive thread for what the Manager says, else on a thread of this object. While it runs no
-    /// task is started, so it has to be short; of this object it may only call request_stop().
-    /// Exceptions are logged and refuse the session. What it refers to has to outlive stop(), which
-    /// it is told of: make the Service last. Not while it is started.
+    /// Has `hook` told what happens: a copyable function of a const vexon::Event& that returns bool
+    /// or nothing. The result counts for kSessionStart; an exception is logged and refuses the
+    /// session.
+    ///
+    /// kInService and kOutOfService are told on a thread of this object, where the hook may ask the
+    /// Manager; the others on the receive thread, possibly at the same time: while the hook runs
+    /// there nothing else is handled and no answer comes, so it has to be short. A session may
+    /// start before kInService and end after kOutOfService. The hook may call request_stop() of
+    /// this object and nothing else, nor exit(). What it refers to has to outlive stop(), which it
+    /// is told of: make the Service last. Not while it is started.
     template <class Hook>
     void on_state(Hook hook) {
+        static_assert(
+            std::is_invocable_v<Hook&, const Event&> && std::is_copy_constructible_v<Hook>,
+            "a hook is copyable and takes a const vexon::Event&");
         hook_ = [hook = std::move(hook)](const Event& event) mutable {
             if constexpr (std::is_void_v<decltype(hook(event))>) {
                 hook(event);
@@ -815,15 +898,21 @@ class Service : public Api {
     }
 
     /// Sets how it tries to get into service. Not while it is started.
-    void pace(const Pace& pace) { pace_ = pace; }
+    void pace(const Pace& pace) {
+        pace_.first = std::max(pace.first, std::chrono::milliseconds(1));
+        pace_.longest = std::max(std::min(pace.longest, kLongestLimit), pace_.first);
+        pace_.answer = std::min(pace.answer, kLongestLimit);
+    }
 
     /// Starts to get into service, and returns at once: whether there is a Manager does not matter.
     /// Returns false, with error() and log lines that say why, if the names or a definition are
     /// wrong, an opcode occurs twice, another Service is started or no thread can be.
     bool start() {
+        const std::lock_guard lock(lifecycle_);
         if (is_started_) return true;
         if (!check()) return false;
         stopping_ = false;
+        reported_.clear();
         is_started_ = start_thread<&Service::supervise>(&supervisor_);
         if (is_started_) return true;
         release();
@@ -833,31 +922,35 @@ class Service : public Api {
     /// Takes leave of the Manager, tries no more and waits for functions that run, however long
     /// they take (Call::is_stopping() tells them); their replies are lost. Then nothing of this
     /// object is in use and start() may follow. From a function or a hook it is request_stop().
-    /// Takes a fifth of a second otherwise; 20 s if the Manager's queue of connections is full.
+    /// Takes half a second otherwise, longer with a slow hook, 20 s if the Manager's queue of
+    /// connections is full. Any thread. If the Manager has closed the connection while an id was
+    /// asked for, the library goes on to look for it for 20 s.
     void stop() {
         request_stop();
-        if (internal::tCalls > 0 || internal::tInHook || !is_started_) return;
+        if (internal::tCalls > 0 || internal::tInHook) return;
+        const std::lock_guard lock(lifecycle_);
+        if (!is_started_) return;
         pthread_join(supervisor_, nullptr);
         release();
         is_started_ = false;
     }
 
-    /// Has run() return, and the service take leave, soon. Any thread.
+    /// Has run() return, and the service take leave, soon. Nothing if it is not started. Any
+    /// thread, but no signal handler.
     void request_stop() {
         const std::lock_guard lock(mutex_);
         stopping_ = true;
         changed_.notify_all();
-        internal::EndingSignals::ask_to_end();
+        internal::EndingSignals::wake();
     }
 
     /// Starts, waits for SIGINT, SIGTERM or request_stop(), and stops. A second signal ends the
     /// process. Returns what main() may return: 0, or 1 if start() failed.
     int run() {
-        internal::EndingSignals::forget();
         {
-            const internal::EndingSignals signals;
+            internal::EndingSignals signals;
             if (!start()) return 1;
-            internal::EndingSignals::wait();
+            while (!stopping_ && !signals.has_come()) signals.wait();
         }
         stop();
         return 0;
@@ -866,7 +959,8 @@ class Service : public Api {
     /// Waits until all is in service, for `limit` at most. Returns whether it is.
     bool wait_until_in_service(std::chrono::milliseconds limit) const {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, limit, [this] { return in_service_; });
+        return changed_.wait_for(lock, std::min(limit, kLongestLimit),
+                                 [this] { return in_service_; });
     }
 
     /// Returns what start() had to say, empty if nothing.
@@ -874,6 +968,8 @@ class Service : public Api {
 
   private:
     using Clock = std::chrono::steady_clock;
+
+    static constexpr std::chrono::milliseconds kLongestLimit = std::chrono::hours(24);
 
     template <class Each>
     void for_each_api(Each each) {
@@ -914,26 +1010,32 @@ class Service : public Api {
                 all.slots[at].api = &api;
             }
         });
-        if (error_.empty()) all.started = this;
-        for (internal::Slot& slot : all.slots) {
-            if (!error_.empty()) vacate(&slot);
+        if (error_.empty()) {
+            all.started = this;
+        } else {
+            vacate();
         }
         return error_.empty();
     }
 
-    // Has them find nothing, and waits for those that are there.
-    void release() {
-        internal::Slots& all = internal::slots();
-        const std::lock_guard lock(all.mutex);
-        for (internal::Slot& slot : all.slots) vacate(&slot);
-        all.started = nullptr;
+    // Has them find nothing any more.
+    void vacate() {
+        for (internal::Slot& slot : internal::slots().slots) {
+            const std::lock_guard lock(slot.mutex);
+            if (slot.api != nullptr && slot.api->service_ == this) slot.api = nullptr;
+        }
     }
 
-    static void vacate(internal::Slot* slot) {
-        std::unique_lock lock(slot->mutex);
-        if (slot->api == nullptr) return;
-        slot->api = nullptr;
-        slot->left.wait(lock, [slot] { return slot->running == 0; });
+    // The same, and waits for those that are there.
+    void release() {
+        vacate();
+        for_each_api([](const Api& api) {
+            internal::Slot& slot = internal::slots().slots[api.slot_];
+            std::unique_lock lock(slot.mutex);
+            slot.left.wait(lock, [&slot] { return slot.running == 0; });
+        });
+        const std::lock_guard lock(internal::slots().mutex);
+        internal::slots().started = nullptr;
     }
 
     template <void (Service::*kBody)()>
@@ -951,7 +1053,7 @@ class Service : public Api {
         auto pause = pace_.first;
         while (!stopping_) {
             const bool stayed = attempt() && serve();
-            leave();
+            run_until<&Service::leave>(internal::kLeaveLimit, [] { return false; });
             if (stayed) pause = pace_.first;
             rest(pause);
             pause = std::min(2 * pause, pace_.longest);
@@ -973,14 +1075,22 @@ class Service : public Api {
         }
         set_in_service(false);
         report("out of service: " + why, internal::kFailure);
-        tell({Event::Kind::kOutOfService, 0, 0, 0, {}, why, {}, false});
+        out_of_service_ = std::move(why);
         return Clock::now() - begin >= pace_.longest;
     }
 
-    // Sessions would meet the next Manager, and a negative id has to be given back, too.
+    // Sessions would meet the next Manager, and a negative id has to be given back, too. The
+    // Manager may have given another id meanwhile, which vexa_svc_init() then tells.
     void leave() {
+        if (!out_of_service_.empty()) {
+            tell({Event::Kind::kOutOfService, 0, 0, 0, {}, std::move(out_of_service_), {}, false});
+            out_of_service_.clear();
+        }
         if (id_ >= 0) terminate_sessions();
-        vexa_svc_deinit(static_cast<std::uint32_t>(id_));
+        for (int tries = 3; tries > 0; --tries) {
+            if (vexa_svc_deinit(static_cast<std::uint32_t>(id_)) != -2) return;
+            id_ = vexa_svc_init();
+        }
     }
 
     void rest(std::chrono::milliseconds pause) {
@@ -989,53 +1099,56 @@ class Service : public Api {
         changed_.wait_for(lock, chance * pause, [this] { return stopping_.load(); });
     }
 
-    // Tries to get into service, on a thread of its own that can be called off. Returns whether all
-    // services are ready.
+    // Tries to get into service. Returns whether all services are ready.
     bool attempt() {
+        vexa_svc_on_receive_end(on_receive_end, this);  // what is told of the former says so
         {
             const std::lock_guard lock(mutex_);
             lost_ = nullptr;
-            attempt_is_over_ = false;
         }
-        vexa_svc_on_receive_end(on_receive_end, this);  // what is told of the former says so
         failure_ = "no thread can be started";
         id_ = -1;
-        pthread_t thread;
-        if (start_thread<&Service::make_attempt>(&thread)) {
-            await_attempt();
-            pthread_join(thread, nullptr);
-        }
-        if (!failure_.empty() && !stopping_) {
-            report("not in service: " + failure_, internal::kFailure);
-        }
-        return failure_.empty();
+        const bool in_time =
+            run_until<&Service::make_attempt>(pace_.answer, [this] { return stopping_.load(); });
+        if (!in_time && !stopping_) failure_ = "the Manager does not answer";
+        if (failure_.empty()) return true;
+        if (!stopping_) report("not in service: " + failure_, internal::kFailure);
+        return false;
     }
 
-    void await_attempt() {
-        const auto is_over = [this] { return stopping_ || attempt_is_over_; };
-        bool was_in_time = true;
+    // Runs what may wait for the Manager on a thread of its own; after `limit`, if it is not 0, or
+    // when it is not wanted any more, the connection is closed, which ends the wait. Returns
+    // whether that was not necessary.
+    template <void (Service::*kBody)(), class Unwanted>
+    bool run_until(std::chrono::milliseconds limit, Unwanted unwanted) {
         std::unique_lock lock(mutex_);
-        if (pace_.answer.count() == 0) {
-            changed_.wait(lock, is_over);
-        } else {
-            was_in_time = changed_.wait_for(lock, pace_.answer, is_over);
-        }
-        while (!attempt_is_over_) {
+        is_over_ = false;
+        pthread_t thread;
+        if (!start_thread<&Service::run_body<kBody>>(&thread)) return true;
+        const auto is_over = [&] { return is_over_ || unwanted(); };
+        if (limit.count() == 0) limit = kLongestLimit;
+        changed_.wait_for(lock, limit, is_over);
+        const bool by_itself = is_over_;
+        while (!is_over_) {
             lock.unlock();
-            disconnect_from_manager();  // what waits for the Manager returns
+            disconnect_from_manager();
             lock.lock();
-            changed_.wait_for(lock, std::chrono::milliseconds(50),
-                              [this] { return attempt_is_over_; });
+            changed_.wait_for(lock, std::chrono::milliseconds(50), [this] { return is_over_; });
         }
-        if (!was_in_time) failure_ = "the Manager does not answer";
+        lock.unlock();
+        pthread_join(thread, nullptr);
+        return by_itself;
     }
 
-    void make_attempt() {
-        failure_ = try_to_offer();
+    template <void (Service::*kBody)()>
+    void run_body() {
+        (this->*kBody)();
         const std::lock_guard lock(mutex_);
-        attempt_is_over_ = true;
+        is_over_ = true;
         changed_.notify_all();
     }
+
+    void make_attempt() { failure_ = try_to_offer(); }
 
     // Returns what has failed, nothing if all services are ready.
     std::string try_to_offer() {
@@ -1044,6 +1157,8 @@ class Service : public Api {
             return offer();
         } catch (const std::exception& error) {
             return error.what();
+        } catch (...) {
+            return "an exception of an unknown type";
         }
 #else
         return offer();
@@ -1103,7 +1218,8 @@ class Service : public Api {
 
     static int on_state_callback(int, vexa_req_t* request, void* user_data) {
         Api& api = *static_cast<Api*>(user_data);
-        return api.service_->notice(api, *request) ? 0 : -1;
+        const bool accepts = api.service_->notice(api, *request);
+        return accepts || request->status != VEXA_STATUS_SESSION_START ? 0 : -1;
     }
 
     // Each service is told of changes; the hook once.
@@ -1145,7 +1261,6 @@ class Service : public Api {
     // Returns what the hook does, true without one.
     bool tell(const Event& event) {
         if (!hook_) return true;
-        const std::lock_guard lock(hook_mutex_);
         internal::tInHook = true;
         const bool result = run_hook(event);
         internal::tInHook = false;
@@ -1158,8 +1273,10 @@ class Service : public Api {
             return hook_(event);
         } catch (const std::exception& error) {
             internal::log(internal::kFailure, "A hook of " + name_ + " failed: " + error.what());
-            return false;
+        } catch (...) {
+            internal::log(internal::kFailure, "A hook of " + name_ + " failed");
         }
+        return false;
 #else
         return hook_(event);
 #endif
@@ -1169,24 +1286,26 @@ class Service : public Api {
 
     std::vector<std::unique_ptr<Api>> others_;
     std::function<bool(const Event&)> hook_;
-    std::mutex hook_mutex_;  // one event at a time
     Pace pace_;
-    bool is_started_ = false;
     std::string error_;
-    pthread_t supervisor_{};
     std::atomic<bool> stopping_{false};
 
-    // Of the supervisor and its attempt, of which one waits for the other.
+    std::mutex lifecycle_;  // before all others, for the two that follow
+    bool is_started_ = false;
+    pthread_t supervisor_{};
+
+    // Of the supervisor and what it runs, of which one waits for the other.
     int id_ = -1;
     std::string failure_;
     std::string reported_;
+    std::string out_of_service_;  // why, if it was in service since it was last told
     std::minstd_rand random_{
         static_cast<std::minstd_rand::result_type>(Clock::now().time_since_epoch().count())};
 
     mutable std::mutex mutex_;  // for what follows, and for changes of `stopping_`
     mutable std::condition_variable changed_;
     const char* lost_ = nullptr;  // why, once the connection is lost
-    bool attempt_is_over_ = false;
+    bool is_over_ = false;        // what the supervisor has run
     bool in_service_ = false;
 };
 

@@ -15,7 +15,8 @@
 ///
 /// What can be an argument, a member or a result, and its type in the definition:
 ///   - the scalars of vexon2_0_arguments.h; long long and unsigned long long as int64 and uint64;
-///   - vexon::Enum and every enum as enum, vexon::Blob as bnry_blb;
+///   - vexon::Enum, every enum class and every enum with a type behind a colon as enum, vexon::Blob
+///     as bnry_blb;
 ///   - a struct with kMembers as struct, whose members have the position in the list as their id;
 ///   - a std::vector of all these as vector; one of structs is an argument or part of a result, but
 ///     no member of a struct that is an argument;
@@ -102,18 +103,26 @@ template <class T>
 inline constexpr bool kIsLongLong =
     std::is_same_v<T, long long> || std::is_same_v<T, unsigned long long>;
 
+// Whether T is an enum that may have any value of its numbers.
+template <class T, class = void>
+inline constexpr bool kIsFixedEnum = false;
+template <class T>
+inline constexpr bool
+    kIsFixedEnum<T, std::enable_if_t<std::is_enum_v<T>, std::void_t<decltype(T{0})>>> = true;
+
 template <class T>
 inline constexpr bool kIsScalar =
     (std::is_integral_v<T> && !kIsCharacter<T>) || std::is_same_v<T, double> ||
     std::is_same_v<T, std::string> || std::is_same_v<T, Enum> || std::is_same_v<T, Blob> ||
-    std::is_enum_v<T>;
+    kIsFixedEnum<T>;
 
 // The type of vexon2_0_arguments.h that stands for T.
 template <class T>
 struct Wire {
     static_assert(kIsScalar<T> || kHasMembers<T>,
                   "T cannot be an argument or a result: use an integer of 8 to 64 bits, double, "
-                  "bool, std::string, vexon::Enum, vexon::Blob, an enum, a struct that has "
+                  "bool, std::string, vexon::Enum, vexon::Blob, an enum class or an enum with a "
+                  "type behind a colon, a struct that has "
                   "kMembers = vexon::member_list(...), or a std::vector or std::optional of one");
     using Integer =
         std::conditional_t<kIsLongLong<T>,
@@ -323,6 +332,25 @@ std::vector<Object> describe_members(std::index_sequence<kKey...>) {
     return {describe_one(kKey, std::get<kKey>(T::kMembers))...};
 }
 
+// ---- The names of members, for whoever checks them
+
+template <class T>
+void add_member_names(std::vector<std::vector<const char*>>* lists) {
+    using Value = typename Required<T>::Type;
+    if constexpr (kIsVector<Value>) {
+        add_member_names<typename Value::value_type>(lists);
+    } else if constexpr (kHasMembers<Value>) {
+        std::apply(
+            [lists](const auto&... named) {
+                lists->push_back({named.name...});
+                (...,
+                 add_member_names<std::decay_t<decltype(std::declval<Value&>().*named.member)>>(
+                     lists));
+            },
+            Value::kMembers);
+    }
+}
+
 // ---- Writing. Returns what an Object takes for the value.
 
 template <class T>
@@ -337,7 +365,7 @@ auto write_value(const T& value) {
     } else if constexpr (std::is_same_v<T, Blob>) {
         return value.text;
     } else if constexpr (std::is_enum_v<T>) {
-        return static_cast<std::underlying_type_t<T>>(value);
+        return static_cast<long long>(value);
     } else {
         static_assert(kIsScalar<T>);
         return value;

@@ -53,6 +53,12 @@ struct All {
 
 struct Lists {
     std::vector<std::uint8_t> u8;
+    std::vector<std::uint16_t> u16;
+    std::vector<std::uint32_t> u32;
+    std::vector<std::int8_t> i8;
+    std::vector<std::int16_t> i16;
+    std::vector<std::int64_t> i64;
+    std::vector<double> reals;
     std::vector<unsigned long long> u64;
     std::vector<bool> yes;
     std::vector<std::string> texts;
@@ -60,13 +66,21 @@ struct Lists {
     std::vector<Mode> modes;
     std::vector<vexon::Blob> blobs;
     static constexpr auto kMembers = vexon::member_list(
-        "u8", &Lists::u8, "u64", &Lists::u64, "yes", &Lists::yes, "texts", &Lists::texts, "numbers",
-        &Lists::numbers, "modes", &Lists::modes, "blobs", &Lists::blobs);
+        "u8", &Lists::u8, "u16", &Lists::u16, "u32", &Lists::u32, "i8", &Lists::i8, "i16",
+        &Lists::i16, "i64", &Lists::i64, "reals", &Lists::reals, "u64", &Lists::u64, "yes",
+        &Lists::yes, "texts", &Lists::texts, "numbers", &Lists::numbers, "modes", &Lists::modes,
+        "blobs", &Lists::blobs);
 };
 
 struct Zones {
     std::vector<Zone> zones;
     static constexpr auto kMembers = vexon::member_list("zones", &Zones::zones);
+};
+
+struct Twins {
+    int a;
+    int b;
+    static constexpr auto kMembers = vexon::member_list("x", &Twins::a, "x", &Twins::b);
 };
 
 vexon::Reply subtract(int from, const int& what) {
@@ -161,16 +175,23 @@ TEST_F(KitTest, EveryTypeGoesInAndOut) {
             {"id":14,"type":"struct","members":[
                 {"id":0,"type":"string","value":"z"},{"id":1,"type":"boolean","value":false}]}]}])"));
     EXPECT_EQ(
-        R"(0 0 {"u8":[1,2,3],"u64":[18446744073709551615],"yes":[true,false],"texts":["","t"],)"
+        R"(0 0 {"u8":[1,2,3],"u16":[65535],"u32":[4294967295],"i8":[-128],"i16":[-32768],)"
+        R"("i64":[-9223372036854775808],"reals":[0.5,-1.0],"u64":[18446744073709551615],"yes":[true,false],"texts":["","t"],)"
         R"("numbers":[-1],"modes":[0,200],"blobs":["b"]})",
         call("lists", R"([{"id":0,"type":"struct","members":[
             {"id":0,"type":"vector","vec_type":"uint8","value":[1,2]},
-            {"id":1,"type":"vector","vec_type":"uint64","value":[18446744073709551615]},
-            {"id":2,"type":"vector","vec_type":"boolean","value":[true,false]},
-            {"id":3,"type":"vector","vec_type":"string","value":["","t"]},
-            {"id":4,"type":"vector","vec_type":"enum","value":[-1]},
-            {"id":5,"type":"vector","vec_type":"enum","value":[0,200]},
-            {"id":6,"type":"vector","vec_type":"bnry_blb","value":["b"]}]},
+            {"id":1,"type":"vector","vec_type":"uint16","value":[65535]},
+            {"id":2,"type":"vector","vec_type":"uint32","value":[4294967295]},
+            {"id":3,"type":"vector","vec_type":"int8","value":[-128]},
+            {"id":4,"type":"vector","vec_type":"int16","value":[-32768]},
+            {"id":5,"type":"vector","vec_type":"int64","value":[-9223372036854775808]},
+            {"id":6,"type":"vector","vec_type":"double","value":[0.5,-1]},
+            {"id":7,"type":"vector","vec_type":"uint64","value":[18446744073709551615]},
+            {"id":8,"type":"vector","vec_type":"boolean","value":[true,false]},
+            {"id":9,"type":"vector","vec_type":"string","value":["","t"]},
+            {"id":10,"type":"vector","vec_type":"enum","value":[-1]},
+            {"id":11,"type":"vector","vec_type":"enum","value":[0,200]},
+            {"id":12,"type":"vector","vec_type":"bnry_blb","value":["b"]}]},
             {"id":1,"type":"vector","vec_type":"int32","value":[1,2,3]}])"));
     EXPECT_EQ(R"(0 0 {"zones":[{"name":"a","on":true,"level":0.25},{"name":"b","on":false}]})",
               call("zones", R"([{"id":0,"type":"vector","vec_type":"struct","value":[
@@ -270,16 +291,17 @@ TEST_F(KitTest, AReplyNamesServiceFunctionAndCall) {
                        std::to_string(call.subsystem()) + ' ' + std::to_string(call.session()) +
                        ' ' + std::to_string(call.transaction()) +
                        (call.is_stopping() ? " stopping" : ""));
+        return vexon::Reply().add("a", 1);
     });
     ASSERT_NO_FATAL_FAILURE(start_in_session());
     manager_.send_to_all(
         R"({"req_type":"exec_task","opcode":"1a","subsys_id":1,"session_id":5,"transac_id":-1,)"
         R"("func":{"name":"who","num_of_args":0,"args":[]}})");
-    EXPECT_TRUE(expect_exactly(R"({"req_type":"", "Result":""})"));
+    EXPECT_TRUE(expect_exactly(R"({"req_type":"", "Result":"\"a\":1"})"));
     const std::string id = std::to_string(send_call("who"));
     EXPECT_TRUE(expect_exactly(
         R"({"opcode":"0x1a","name":"who","subsys_id":"1","req_type":"exec_task","return":0,)"
-        R"("func":{},"transac_id":)" +
+        R"("func":{"a":1},"transac_id":)" +
         id + R"(,"status": 0,"session_id":5})"));
     send_call("a\"b");
     EXPECT_TRUE(expect(R"("name":"unknown")"));
@@ -337,10 +359,14 @@ TEST_F(KitTest, MistakesEndTheStartAndSayWhere) {
          [](auto* s) {
              s->function("a", {"b", "b"}, [](int, int) {});
          },
-         "a has two arguments \"b\""},
+         "there are two names \"b\" in one list"},
         {"opcode twice", [](auto* s) { s->also(kOpcode, "other", ""); },
          "two services have the opcode 0x1a"},
         {"no subsystem", [](auto* s) { s->also(1, "other", "", {}); }, "other has no subsystem"},
+        {"member twice", [](auto* s) { s->function("a", {"b"}, [](std::vector<Twins>) {}); },
+         "there are two names \"x\" in one list"},
+        {"no array", defines(defined(R"({"name":"scan","args":{"x":"int32"}})")),
+         "the definition cannot be read: args is no array"},
         {"no JSON", defines("{"), "the definition cannot be read: "},
         {"function missing", defines(defined("")), "function scan is not in the definition"},
         {"function too many", defines(defined(kScan + std::string(R"(,{"name":"x"})"))),
@@ -373,10 +399,14 @@ TEST_F(KitTest, MistakesEndTheStartAndSayWhere) {
     }
     EXPECT_TRUE(manager_.received().empty());
 
+    // A function that reads its arguments by itself leaves it to the definition what they are.
+    const std::string own =
+        defined(kScan + std::string(R"(,{"name":"raw","args":[{"id":9,"name":"x","type":"cb"}]})"));
     service_.function("scan", {"ms"}, [](unsigned) { return Zone(); });
-    service_.definition(defined(kScan));
+    service_.function("raw", [](const vexon::Call&) {});
+    service_.definition(own);
     ASSERT_NO_FATAL_FAILURE(start());
-    EXPECT_TRUE(expect("\"api_def\":" + defined(kScan) + R"(,"Token":"a \"token\""})"));
+    EXPECT_TRUE(expect("\"api_def\":" + own + R"(,"Token":"a \"token\""})"));
     vexon::Service second(0x2b, "second", "");
     EXPECT_FALSE(second.start());
     EXPECT_TRUE(contains(second.error(), "another service of the process is started"));
@@ -396,7 +426,8 @@ TEST_F(KitTest, OpcodesHaveFunctionsOfTheirOwn) {
                          std::to_string(event.opcode) + ' ' + event.name + '=' + event.value + ' ' +
                          event.package + (event.granted ? " granted" : ""));
         if (event.name == "broken") throw std::runtime_error("a hook's mistake");
-        return event.session != 6;
+        if (event.kind == vexon::Event::Kind::kSessionEnd) throw 5;
+        return event.kind == vexon::Event::Kind::kSessionStart && event.session != 6;
     });
     ASSERT_NO_FATAL_FAILURE(start());
     manager_.start_session(6, {{kOpcode, {1}}});
@@ -434,8 +465,8 @@ TEST_F(KitTest, QuestionsSayWhatBecameOfThem) {
     service_.function("need", [&](const vexon::Call& call) {
         call.require_permission("NEEDED");
         manager_.stop();
-        while (vexon::ask_permission(5, "x") != vexon::Permission::kNotSent) {
-        }
+        EXPECT_TRUE(wait_until(
+            [] { return vexon::ask_permission(5, "x") == vexon::Permission::kNotSent; }));
         unsent = static_cast<int>(vexon::ask_info(5, "x").outcome);
     });
     manager_.grant("a\"b");
@@ -462,7 +493,8 @@ struct Trouble {
     const char* name;
     std::function<void(manager::SimulatedManager*)> make;
     std::function<void(manager::SimulatedManager*)> mend;
-    const char* reason;
+    const char* step;    // what is logged when it begins
+    const char* reason;  // what is logged when it has lasted
 };
 
 void PrintTo(const Trouble& trouble, std::ostream* out) {
@@ -476,17 +508,22 @@ std::vector<Trouble> troubles() {
     const auto accept = [](Step step) { return [step](auto* m) { m->accept(step); }; };
     const auto drop = [](Step step, bool on) { return [=](auto* m) { m->set_drop(step, on); }; };
     const auto start = [](auto* m) { m->start(); };
+    static constexpr char kInit[] = R"(Sending message {"req_type":"INIT")";
+    static constexpr char kAuth[] = R"(Sending message {"req_type":"AUTH")";
+    static constexpr char kReady[] = R"(Sending message {"req_type":"REDY")";
     return {
-        {"Absent", [](auto* m) { m->stop(); }, start, "no service id from the Manager"},
-        {"Killed", [](auto* m) { m->stop(Ending::Abrupt); }, start, "no service id"},
-        {"InitRefused", refuse(Step::Init), accept(Step::Init), "no service id"},
-        {"AuthRefused", refuse(Step::Auth), accept(Step::Auth), "the registration of kit failed"},
-        {"ReadyRefused", refuse(Step::Ready), accept(Step::Ready), "the readiness of kit failed"},
-        {"InitDropped", drop(Step::Init, true), drop(Step::Init, false), "does not answer"},
-        {"AuthDropped", drop(Step::Auth, true), drop(Step::Auth, false), "does not answer"},
-        {"ReadyDropped", drop(Step::Ready, true), drop(Step::Ready, false), "does not answer"},
-        {"NotReading", [](auto* m) { m->set_reading(false); },
-         [](auto* m) { m->set_reading(true); }, "does not answer"},
+        {"Absent", [](auto* m) { m->stop(); }, start, "Failed to connect", "no service id"},
+        {"Killed", [](auto* m) { m->stop(Ending::Abrupt); }, start, "Failed to connect",
+         "no service id from the Manager"},
+        {"InitRefused", refuse(Step::Init), accept(Step::Init), kInit, "no service id"},
+        {"AuthRefused", refuse(Step::Auth), accept(Step::Auth), kAuth,
+         "the registration of kit failed"},
+        {"ReadyRefused", refuse(Step::Ready), accept(Step::Ready), kReady,
+         "the readiness of kit failed"},
+        {"InitDropped", drop(Step::Init, true), drop(Step::Init, false), kInit, "does not answer"},
+        {"AuthDropped", drop(Step::Auth, true), drop(Step::Auth, false), kAuth, "does not answer"},
+        {"ReadyDropped", drop(Step::Ready, true), drop(Step::Ready, false), kReady,
+         "does not answer"},
     };
 }
 
@@ -498,8 +535,9 @@ TEST_P(Outage, IsSurvived) {
     ASSERT_TRUE(service_.start());
     const std::string line = std::string("kit not in service: ");
     ASSERT_TRUE(log_.wait_for(trouble.reason, kSoon));
-    EXPECT_FALSE(service_.wait_until_in_service(kNotComing));
-    EXPECT_EQ(1U, log_.count(line));  // of many attempts
+    ASSERT_TRUE(log_.wait_for("VEXON service init", kSoon, 4));
+    EXPECT_EQ(1U, log_.count(line));
+    EXPECT_FALSE(service_.wait_until_in_service(0ms));
     trouble.mend(&manager_);
     EXPECT_TRUE(serves());
     EXPECT_EQ(1U, log_.count("Service kit in service"));
@@ -577,17 +615,96 @@ TEST_F(KitTest, StopWaitsForFunctionsThatRun) {
     EXPECT_TRUE(manager_.wait_for_clients(0, kSoon));
 }
 
+// The receive thread waits in a send, with the sessions locked.
+TEST_F(KitTest, StopDoesNotWaitForAManagerThatDoesNotRead) {
+    ASSERT_NO_FATAL_FAILURE(start());
+    manager_.set_reading(false);
+    for (int session = 1; session < 3000; ++session) {
+        manager_.start_session(session, {{kOpcode, {kSubsystem}}});
+    }
+    std::size_t answers = 0;
+    const auto is_stuck = [&] {
+        const std::size_t before =
+            std::exchange(answers, log_.count(R"(Sending message {"req_ty)"));
+        std::this_thread::sleep_for(kNotComing);
+        return answers > 1 && answers == before && answers < 3000;
+    };
+    ASSERT_TRUE(wait_until(is_stuck));
+    std::future<void> stopped = std::async(std::launch::async, [this] { service_.stop(); });
+    EXPECT_EQ(std::future_status::ready, stopped.wait_for(kSoon));
+    manager_.set_reading(true);
+}
+
+// A Manager that changes the service id must not keep the service from leaving.
+TEST_F(KitTest, StopLeavesUnderAnotherIdToo) {
+    ASSERT_NO_FATAL_FAILURE(start());
+    manager_.send_to_all(R"({"req_type":"INIT","service_id":77})");
+    ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+    service_.stop();
+    EXPECT_TRUE(expect(R"({"req_type":"DINT","Service_Id":77})"));
+    EXPECT_TRUE(manager_.wait_for_clients(0, kSoon));
+}
+
+TEST_F(KitTest, TasksThatArriveWhileItStopsFindTheServiceOrNothing) {
+    std::atomic<bool> over{false};
+    std::thread caller([&] {
+        while (!over) {
+            try {
+                manager_.exec_task({5, kOpcode, kSubsystem, "touch"});
+            } catch (const manager::ManagerError&) {  // nobody is there
+                std::this_thread::yield();
+            }
+        }
+    });
+    for (int round = 0; round < 20; ++round) {
+        auto touched = std::make_unique<std::atomic<int>>(0);
+        vexon::Service service(kOpcode, "kit", "");
+        service.pace(kQuick);
+        service.function("touch", [&touched] { ++*touched; });
+        ASSERT_TRUE(service.start());
+        ASSERT_TRUE(service.wait_until_in_service(kSoon));
+        ASSERT_NO_FATAL_FAILURE(open_session(5));
+        EXPECT_TRUE(wait_until([&] { return *touched > 0; }));
+        service.stop();
+        touched = nullptr;
+    }
+    over = true;
+    caller.join();
+}
+
+TEST_F(KitTest, OtherThreadsAndObjectsDoNotDisturbARun) {
+    add_answer();
+    std::future<int> ended = std::async(std::launch::async, [this] { return service_.run(); });
+    ASSERT_TRUE(service_.wait_until_in_service(kSoon));
+    vexon::Service(0x77, "never started", "").request_stop();
+    EXPECT_EQ(std::future_status::timeout, ended.wait_for(50ms));
+    EXPECT_TRUE(serves());
+    service_.stop();
+    ASSERT_EQ(std::future_status::ready, ended.wait_for(kSoon));
+    EXPECT_EQ(0, ended.get());
+}
+
+// Pauses that do not grow would make hundreds of attempts in this time.
+TEST_F(KitTest, PausesGrow) {
+    manager_.stop();
+    service_.pace({1ms, 1h, 0ms});
+    ASSERT_TRUE(service_.start());
+    ASSERT_TRUE(log_.wait_for("VEXON service init", kSoon, 4));
+    std::this_thread::sleep_for(kNotComing);
+    EXPECT_LT(log_.count("VEXON service init"), 15U);
+}
+
 TEST_F(KitTest, StopEndsEachStepOfAStart) {
     for (const Trouble& trouble : troubles()) {
         SCOPED_TRACE(trouble.name);
         trouble.make(&manager_);
         vexon::Service service(kOpcode, "kit", "");
         service.pace({1h, 1h, 0ms});  // waits for ever for an answer, and rests as long
+        log_.clear();
         ASSERT_TRUE(service.start());
-        std::this_thread::sleep_for(50ms);
-        const auto begin = std::chrono::steady_clock::now();
+        ASSERT_TRUE(log_.wait_for(trouble.step, kSoon));
         service.stop();
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, kSoon);
+        EXPECT_FALSE(log_.contains("kit not in service: the Manager does not answer"));
         trouble.mend(&manager_);
     }
     add_answer();

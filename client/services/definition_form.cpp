@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "client/utility/json_access.h"
 
@@ -31,6 +33,13 @@ const Json::Value* find_named(const Json::Value& array, const std::string& name)
     return nullptr;
 }
 
+// Returns an empty one if there is none.
+const Json::Value& array_member(const Json::Value& object, const char* key) {
+    const Json::Value& array = member(object, key);
+    if (array.isNull() || array.isArray()) return array;
+    throw MalformedMessage(std::string(key) + " is no array");
+}
+
 void expect_same(const std::string& what, const std::string& defined, const std::string& made,
                  Texts* mismatches) {
     if (defined == made) return;
@@ -47,7 +56,7 @@ void compare_item(const std::string& path, const Json::Value& defined, const Jso
         expect_same(path + ": " + name, text_member(defined, name, missing),
                     text_member(made, name, missing), mismatches);
     }
-    compare_list(path, member(defined, "members"), member(made, "members"), mismatches);
+    compare_list(path, array_member(defined, "members"), array_member(made, "members"), mismatches);
 }
 
 // The order of arguments and members counts: it is their id.
@@ -83,10 +92,14 @@ void compare_functions(const Json::Value& defined, const Json::Value& made, Text
             mismatches->push_back("function " + name + " is not in the definition");
             continue;
         }
-        compare_list(name, member(*same, "args"), member(function, "args"), mismatches);
-        const Json::Value* const results = find_member(*same, "results");
-        if (results != nullptr) {
-            compare_results(name + " results", *results, member(function, "results"), mismatches);
+        if (find_member(function, "args") != nullptr) {
+            compare_list(name, array_member(*same, "args"), array_member(function, "args"),
+                         mismatches);
+        }
+        const bool has_results = find_member(*same, "results") != nullptr;
+        if (has_results) {
+            compare_results(name + " results", array_member(*same, "results"),
+                            array_member(function, "results"), mismatches);
         }
     }
     for (const Json::Value& function : defined) {
@@ -101,7 +114,7 @@ std::string opcode_of(const Json::Value& service) {
 
 std::string subsystems_of(const Json::Value& service) {
     std::string ids;
-    for (const Json::Value& subsystem : member(service, "subsystems")) {
+    for (const Json::Value& subsystem : array_member(service, "subsystems")) {
         ids += (ids.empty() ? "" : ",") + std::to_string(uint_member(subsystem, "id", 0));
     }
     return ids;
@@ -111,7 +124,8 @@ void compare_services(const Json::Value& defined, const Json::Value& made, Texts
     expect_same("opcode", opcode_of(defined), opcode_of(made), mismatches);
     expect_same("name", name_of(defined), name_of(made), mismatches);
     expect_same("subsystems", subsystems_of(defined), subsystems_of(made), mismatches);
-    compare_functions(member(defined, "functions"), member(made, "functions"), mismatches);
+    compare_functions(array_member(defined, "functions"), array_member(made, "functions"),
+                      mismatches);
 }
 
 Json::Value parse(const std::string& text) {
