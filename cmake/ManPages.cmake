@@ -16,7 +16,7 @@ function(vexon_man_page target)
     set(page "${PROJECT_BINARY_DIR}/${target}.1.gz")
     add_custom_command(OUTPUT "${page}" VERBATIM
         COMMAND "${script}" "$<TARGET_FILE:${target}>" ${PROJECT_VERSION} "${page}"
-        DEPENDS ${target} "${script}")
+        DEPENDS ${target} "${script}" "${PROJECT_SOURCE_DIR}/packaging/vexon-manager.h2m")
     add_custom_target(${target}-man-page ALL DEPENDS "${page}")
     install(FILES "${page}" DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 endfunction()

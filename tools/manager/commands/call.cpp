@@ -290,18 +290,17 @@ const Commands kCallCommands{
      "Have a function executed and print its reply. SERVICE is a name or an opcode. The values "
      "are\n"
      "checked against what the service declares before anything is sent; one of a struct is an\n"
-     "object, one of a vector an array, one with blanks goes between quotes:\n"
-     "    call lamp.set_scene scene='{\"name\":\"x\",\"zones\":[1,2]}' seconds=2.5\n"
-     "Opens a session by itself, from number 1000 on, which later calls use, too, unless "
-     "--session\n"
-     "says which. Fails if the status of the reply is not 0, or that of --status, or if no reply\n"
-     "comes within --timeout (5000 ms).\n"
-     "The second form sends anything, even what is not declared, and takes any status unless\n"
-     "--status is given; ARGS-JSON is the array of arguments as the task has it, as in\n"
-     "[{\"id\":0,\"type\":\"uint8\",\"value\":5}].\n"
-     "With --count, executes the function N times with M tasks in flight (1) and prints figures; "
-     "a\n"
-     "terminal then shows a bar instead of the packets.",
+     "object, one of a vector an array, one with blanks goes between quotes, as describe\n"
+     "SERVICE.FUNCTION shows. Opens a session by itself, from number 1000 on, which later calls\n"
+     "use, too, unless --session says which. Fails if the status of the reply is not 0, or that "
+     "of\n"
+     "--status, or if no reply comes within --timeout (5000 ms). With --count, executes the\n"
+     "function N times with M tasks in flight (1) and prints figures; a terminal then shows a bar\n"
+     "instead of the packets. The second form sends anything, even what is not declared, and "
+     "takes\n"
+     "any status unless --status is given; ARGS-JSON is the array of arguments as the task has "
+     "it,\n"
+     "as in [{\"id\":0,\"type\":\"uint8\",\"value\":5}].",
      [](Words& words) {
          CallOptions options;
          take_options(words, kOptions, options);
