@@ -138,8 +138,8 @@ std::string excerpt(const std::string& text, std::size_t offset) {
     std::replace_if(
         shown.begin(), shown.end(), [](char c) { return is_control(c); }, ' ');
     const auto is_first_byte = [](char c) { return (c & 0xc0) != 0x80; };
-    const auto column =
-        std::count_if(shown.begin(), shown.begin() + (offset - begin), is_first_byte);
+    const std::string before = shown.substr(0, offset - begin);
+    const auto column = std::count_if(before.begin(), before.end(), is_first_byte);
     return "\n    " + shown + "\n    " + std::string(static_cast<std::size_t>(column), ' ') + '^';
 }
 
