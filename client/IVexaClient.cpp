@@ -52,6 +52,10 @@ std::mutex& gReceiveEndMutex = *new std::mutex;
 std::shared_ptr<ReceiveEndObserver>& gReceiveEndObserver =
     *new std::shared_ptr<ReceiveEndObserver>(std::make_shared<ReceiveEndObserver>());
 std::condition_variable& gReceiveEndReturned = *new std::condition_variable;
+std::mutex& gWorkersMutex = *new std::mutex;
+std::vector<std::shared_ptr<IdleWorker>>& gIdleWorkers =
+    *new std::vector<std::shared_ptr<IdleWorker>>;
+std::atomic<std::size_t> gMostIdleWorkers{0};
 
 int current_service_id() {
     std::lock_guard<std::mutex> lock(gClientMutex);

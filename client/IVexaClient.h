@@ -10,7 +10,7 @@
 //   gReadyMutex, gReadyWaits.mutex
 //   gAuthMutex or gRegsMutex, gAuthWaits.mutex
 //   gClientMutex, gServicesMutex, gQueryIdMutex, gPermMutex, gInfoMutex, gSendMutex,
-//   gReceiveEndMutex: one at a time
+//   gReceiveEndMutex, gWorkersMutex: one at a time
 // State callbacks run with gSessionsMutex (sessions) or gReadyMutex (changes) held. The former is
 // let go of while such a callback is inside vexa_svc_deinit(), which takes locks to its left.
 
@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -82,6 +83,7 @@ struct ReceiveEndObserver {
 };
 
 class ManagerSocket;
+struct IdleWorker;  // see client/tasks/workers.h
 
 extern std::mutex& gClientMutex;
 extern std::mutex& gServicesMutex;
@@ -160,6 +162,12 @@ extern std::atomic<bool> gReceiving;
 extern std::mutex& gReceiveEndMutex;
 extern std::shared_ptr<ReceiveEndObserver>& gReceiveEndObserver GUARDED_BY(gReceiveEndMutex);
 extern std::condition_variable& gReceiveEndReturned;
+
+// Threads that wait for a next task, and how many may: written with gWorkersMutex held, read
+// without it where a glance is enough.
+extern std::mutex& gWorkersMutex;
+extern std::vector<std::shared_ptr<IdleWorker>>& gIdleWorkers GUARDED_BY(gWorkersMutex);
+extern std::atomic<std::size_t> gMostIdleWorkers;
 
 // Returns the service id, -1 = not initialised.
 int current_service_id() EXCLUDES(gClientMutex);

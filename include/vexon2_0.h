@@ -190,8 +190,10 @@ struct _vexon_call_info_t {
     std::int32_t return_value;  ///< for the reply: what the function returned
 };
 
-/// Runs one task. Fills `call`; its own result is ignored. Runs on a thread of its own, at the same
-/// time as other tasks, without any lock of the library held.
+/// Runs one task. Fills `call`; its own result is ignored. Runs at the same time as other tasks,
+/// without any lock of the library held, on a thread that runs nothing else meanwhile. That thread
+/// ends with the task unless the property persist.vendor.vexon.clientlib.idle_workers lets threads
+/// stay for a next one, which then finds what this one has left there: thread_local objects, say.
 typedef int (*vexon_exec_callback_t)(_vexon_call_info_t* call, vexon_func_call_info_t args);
 
 // ---------------------------------------------------------------------------------------------

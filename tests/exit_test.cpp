@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
@@ -13,6 +14,7 @@ namespace {
 
 constexpr int kRounds = 250;
 constexpr const char* kLogFile = "/dev/shm/log";
+constexpr const char* kIdleWorkers = "persist_vendor_vexon_clientlib_idle_workers";
 
 // Keeps a Manager sending to whichever service is there, until the object dies.
 class BusyManager {
@@ -56,10 +58,13 @@ int run_service(const char* way) {
     ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, kLogFile,
                                        O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const char* const argv[] = {VEXON_EXIT_SERVICE, VEXON_LIBRARY, way, nullptr};
+    const char* const idle_workers = std::getenv(kIdleWorkers);
+    const std::string workers =
+        std::string(kIdleWorkers) + '=' + (idle_workers == nullptr ? "" : idle_workers);
     // A sanitizer's own checks at exit are off: threads that are alive then are the point here.
     const char* const environment[] = {"ASAN_OPTIONS=detect_leaks=0",
                                        "TSAN_OPTIONS=report_thread_leaks=0:atexit_sleep_ms=0",
-                                       nullptr};
+                                       workers.c_str(), nullptr};
     pid_t pid = 0;
     const int error =
         ::posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv),

@@ -9,6 +9,7 @@
 #include "client/receiving/receive.h"
 #include "client/services/deinit.h"
 #include "client/sessions/sessions.h"
+#include "client/tasks/workers.h"
 #include "client/utility/json_access.h"
 #include "client/utility/logging.h"
 #include "client/utility/threads.h"
@@ -77,6 +78,7 @@ int vexa_svc_init() NO_THREAD_SAFETY_ANALYSIS {
     std::lock_guard<std::mutex> call_lock(gInitCallMutex);
     if (const int id = existing_service_id(); id != -1) return id;  // another caller was quicker
     gDebugLevel = property_get_int32("persist.vendor.vexon.clientlib.debug_level", 4);
+    allow_idle_workers(property_get_int32("persist.vendor.vexon.clientlib.idle_workers", 0));
 
     const bool needs_receiver = begin_life();
     if (needs_receiver && open_connection() != 0) return -1;

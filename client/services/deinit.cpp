@@ -9,6 +9,7 @@
 #include "client/link/life.h"
 #include "client/services/change_notices.h"
 #include "client/sessions/sessions.h"
+#include "client/tasks/workers.h"
 #include "client/utility/logging.h"
 
 namespace {
@@ -80,6 +81,7 @@ int vexa_svc_deinit(std::uint32_t service_id) {
     await_session_callback();
     forget_registrations();
     supported_services_clear();
+    allow_idle_workers(0);
     forget_service_id(service_id);
     return 0;
 }

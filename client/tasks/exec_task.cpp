@@ -2,25 +2,20 @@
 
 #include <cstdlib>
 #include <mutex>
-#include <new>
 #include <string>
 #include <utility>
 
 #include "client/link/life.h"
-#include "client/link/send.h"
 #include "client/params/add_params.h"
 #include "client/params/queues.h"
 #include "client/sessions/sessions.h"
 #include "client/tasks/call_record.h"
-#include "client/tasks/task_response.h"
+#include "client/tasks/workers.h"
 #include "client/utility/VexonTimer.h"
 #include "client/utility/json_access.h"
 #include "client/utility/logging.h"
-#include "client/utility/threads.h"
 
 namespace {
-
-constexpr std::size_t kLoggedName = 100;
 
 std::uint32_t hexadecimal_opcode(const Json::Value& message, const char* missing) {
     const std::string text = text_member(message, "opcode", missing);
@@ -50,50 +45,11 @@ bool session_is_ready(std::uint32_t session_id, ServiceKey service) {
     return true;
 }
 
-// The part of the arguments that has to be released; without the name, so that it costs no memory.
-vexon_func_call_info_t queues_of(const vexon_func_call_info_t& args) {
-    return {{}, 0, args.value_queue, args.type_queue};
-}
-
-// A service's mistake is answered like any failed task instead of ending the process.
-void run_task(_vexon_call_info_t* call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
-    char name[kLoggedName + 1];  // the arguments are the task's from here on
-    name[args.func_name.copy(name, kLoggedName)] = '\0';
-    try {
-        task(call, std::move(args));
-    } catch (const std::exception& error) {
-        log_line(kFailure, "Failed to run function %s (%s)", name, error.what());
-        call->func = "-1";
-    }
-}
-
-// The Manager of a later life has not asked: it may even have given the same numbers to a task of
-// its own.
-void send_reply(const _vexon_call_info_t& call, Life life) {
-    try {
-        send_in_life(response_text(call, "").c_str(), life);
-    } catch (const std::bad_alloc&) {
-        log_line(kFailure, "Out of memory");
-    }
-}
-
-// Body of a task's thread.
-void run_and_reply(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args,
-                   Life life) {
-    const vexon_func_call_info_t queues = queues_of(args);
-    run_task(call.get(), task, std::move(args));
-    ClearParamsFromQueues(queues);
-    send_reply(*call, life);
-}
-
-// Starts the worker, which from then on owns the call and its arguments.
-void start_worker(CallRecord call, vexon_exec_callback_t task, vexon_func_call_info_t args) {
+// From here on the task owns the call and its arguments.
+void start(CallRecord call, vexon_exec_callback_t function, vexon_func_call_info_t args) {
     const vexon_func_call_info_t queues = queues_of(args);
     try {
-        start_thread([call = std::move(call), task, args = std::move(args),
-                      life = life_of_thread()]() mutable {
-            run_and_reply(std::move(call), task, std::move(args), life);
-        });
+        start_task({std::move(call), function, std::move(args), life_of_thread()});
     } catch (...) {
         ClearParamsFromQueues(queues);
         throw;
@@ -125,14 +81,9 @@ int handle_exec_task(const Json::Value& request, vexon_exec_callback_t task) {
         static_cast<void>(call.release());
         return -1;
     }
-    start_worker(std::move(call), task, std::move(args));
+    start(std::move(call), task, std::move(args));
     timer.stop("KRV handleExecTask time taken from VEXON mgr to MIRT");
     return 0;
-}
-
-void calling_wrapper(_vexon_call_info_t* call, vexon_exec_callback_t task,
-                     vexon_func_call_info_t args) {
-    run_and_reply(CallRecord(call), task, std::move(args), life_of_thread());
 }
 
 AfterMessage on_exec_task(const Json::Value& message) {
