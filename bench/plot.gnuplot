@@ -8,7 +8,7 @@ set logscale y
 set grid ytics
 set key outside
 set xtics rotate by -30
-rivals = "library floor sd-bus gRPC"
+rivals = "library 'library, workers stay' floor 'floor, workers stay' sd-bus gRPC"
 rows(in_flight, message, name) = \
     sprintf("<grep -h '^one core,\"%s\",%s,\"%s\"' %s", message, in_flight, name, csv)
 set title "Median latency in microseconds, both ends on one core"

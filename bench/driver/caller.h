@@ -40,8 +40,7 @@ std::unique_ptr<Caller> make_packet_caller(manager::FileDescriptor connection,
                                            PacketService service);
 std::unique_ptr<Caller> make_sd_bus_caller(int connection);
 
-// Waits for the service to listen at kGrpcPath. Returns null where the driver was built without
-// gRPC.
-std::unique_ptr<Caller> make_grpc_caller(int);
+// Waits for the service to listen at kGrpcPath. Is null where the driver was built without gRPC.
+[[gnu::weak]] std::unique_ptr<Caller> make_grpc_caller(int);
 
 }  // namespace bench

@@ -42,7 +42,7 @@ std::string rows_of(const Results& results, std::size_t setting, bool steps, std
         const Figures own = figures_of(one_core->second);
         const Figures floor = figures_of(results.at({setting, kFloor, Placement::kOneCore}));
         const Figures free = figures_of(results.at({setting, each.name, Placement::kFree}));
-        rows += fmt::format("{:24}{:8}{}{:8.1f}{}  |{}\n", label, each.name, cells(own),
+        rows += fmt::format("{:24}{:22}{}{:8.1f}{}  |{}\n", label, each.name, cells(own),
                             own.driver_cpu_us, ratios(own, floor), cells(free));
         label.clear();
     }
@@ -53,7 +53,7 @@ std::string rows_of(const Results& results, std::size_t setting, bool steps, std
 std::string table_of(const Results& results, const std::string& title, bool by_message,
                      bool steps) {
     constexpr char kCells[] = "     p50     p99  calls/s     CPU";
-    std::string table = fmt::format("{}\n\n{:32}{}  driver  p50 x  p99 x  rate x  CPU x  |{}\n",
+    std::string table = fmt::format("{}\n\n{:46}{}  driver  p50 x  p99 x  rate x  CPU x  |{}\n",
                                     title, "", kCells, kCells);
     const std::vector<Setting> settings = all_settings();
     for (std::size_t i = 0; i < settings.size(); ++i) {

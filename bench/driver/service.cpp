@@ -36,10 +36,6 @@ int manager_listener() {
     return listener.get();
 }
 
-manager::FileDescriptor copy_of(int fd) {
-    return manager::FileDescriptor(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
-}
-
 std::unique_ptr<Caller> make_library_caller(int) {
     pollfd waiting{manager_listener(), POLLIN, 0};
     if (::poll(&waiting, 1, kPatienceMs) != 1)
@@ -49,7 +45,8 @@ std::unique_ptr<Caller> make_library_caller(int) {
 
 template <PacketService kService>
 std::unique_ptr<Caller> make_floor_caller(int input) {
-    return make_packet_caller(copy_of(input), kService);
+    return make_packet_caller(manager::FileDescriptor(::fcntl(input, F_DUPFD_CLOEXEC, 0)),
+                              kService);
 }
 
 }  // namespace
@@ -59,7 +56,9 @@ const std::vector<Contender>& contenders() {
     constexpr auto step = make_floor_caller<PacketService::kStepOfFloor>;
     static const std::vector<Contender> all = {
         {"library", "bench-service-library", false, SOCK_STREAM, make_library_caller},
+        {"library, workers stay", "bench-service-library", false, SOCK_STREAM, make_library_caller},
         {kFloor, "bench-service-floor", false, SOCK_SEQPACKET, floor},
+        {"floor, workers stay", "bench-service-floor", false, SOCK_SEQPACKET, floor},
         {"sd-bus", "bench-service-sd-bus", false, SOCK_STREAM, make_sd_bus_caller},
         {"gRPC", "bench-service-grpc", false, SOCK_STREAM, make_grpc_caller},
         {"echo", "bench-service-floor", true, SOCK_SEQPACKET, step},
@@ -83,7 +82,7 @@ Service::Service(const Contender& kind, const std::vector<std::string>& under) :
     if (pid < 0) fail("fork");
     if (pid == 0) execute(command, its_end.get());
     ::clock_getcpuclockid(pid, &cpu_clock);
-    caller = kind.make_caller(input.get());
+    if (kind.make_caller != nullptr) caller = kind.make_caller(input.get());
 }
 
 Service::~Service() {

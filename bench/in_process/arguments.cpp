@@ -2,8 +2,6 @@
 // and release by various threads. What is compared is timed in turns, as what disturbs the machine
 // disturbs all then.
 
-#include "in_process/arguments.h"
-
 #include <benchmark/benchmark.h>
 #include <json/json.h>
 #include <sched.h>
@@ -39,10 +37,6 @@ double seconds_of(Work work) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-double median(const std::vector<double>& values) {
-    return quantile(values, 0.5);
-}
-
 // A message that is parsed and decoded again and again.
 struct Task {
     void parse(Json::Value* root) const {
@@ -57,15 +51,12 @@ struct Task {
     const std::unique_ptr<Json::CharReader> reader{Json::CharReaderBuilder().newCharReader()};
 };
 
-Task task_of(const Message& message) {
-    return {exec_task_text(message, kFirstTransaction)};
-}
-
 using MakeMessage = Message (*)(const std::string& type, std::size_t count);
 
 // The release of values is not counted, it is the worker's.
 void decode(benchmark::State& state, MakeMessage make, const std::string& type) {
-    const Task task = task_of(make(type, static_cast<std::size_t>(state.range(0))));
+    const Message message = make(type, static_cast<std::size_t>(state.range(0)));
+    const Task task{exec_task_text(message, kFirstTransaction)};
     std::vector<double> parse;
     std::vector<double> decode;
     const auto run = [&] {
@@ -80,16 +71,12 @@ void decode(benchmark::State& state, MakeMessage make, const std::string& type) 
         run();
         state.SetIterationTime(decode.back());
     }
-    state.counters["decode_ns"] = median(decode) * 1e9;
-    state.counters["parse_ns"] = median(parse) * 1e9;
-    state.counters["decode/parse"] = median(decode) / median(parse);
+    const double decode_seconds = quantile(decode, 0.5);
+    const double parse_seconds = quantile(parse, 0.5);
+    state.counters["decode_ns"] = decode_seconds * 1e9;
+    state.counters["parse_ns"] = parse_seconds * 1e9;
+    state.counters["decode/parse"] = decode_seconds / parse_seconds;
     state.SetComplexityN(state.range(0));
-}
-
-void look_up_types(benchmark::State& state) {
-    for (auto iteration : state) {
-        for (const std::string& name : kScalarTypes) benchmark::DoNotOptimize(data_type_of(name));
-    }
 }
 
 void stay_on(const cpu_set_t& cores) {
@@ -121,7 +108,7 @@ void make_and_release(benchmark::State& state) {
                                                               {"by another on its core", own}};
     if (CPU_COUNT(&others) > 0) places["by another on another core"] = others;
 
-    const Task task = task_of(scalars("int32", kReleased));
+    const Task task{exec_task_text(scalars("int32", kReleased), kFirstTransaction)};
     std::map<std::string, std::vector<double>> times;
     const auto take_turn = [&](const std::string& place, const auto& cores, bool counts) {
         vexon_func_call_info_t call{};
@@ -141,7 +128,7 @@ void make_and_release(benchmark::State& state) {
         }
     }
     for (const auto& [name, values] : times) {
-        state.counters[name] = median(values) / kReleased * 1e9;
+        state.counters[name] = quantile(values, 0.5) / kReleased * 1e9;
     }
 }
 
@@ -152,9 +139,7 @@ void add(const std::string& name, MakeMessage make, const std::string& type,
     family->ArgsProduct({counts})->UseManualTime()->Complexity(benchmark::oN);
 }
 
-}  // namespace
-
-void register_arguments() {
+bool register_all() {
     for (const std::string& type : kScalarTypes) {
         add("arguments/" + type, scalars, type, {1, 10, 100, 1'000});
     }
@@ -165,11 +150,19 @@ void register_arguments() {
     add("elements/struct", vector_of, "struct", {1, 10, 100, 300});
     const auto nested = [](const std::string&, std::size_t depth) { return nested_structs(depth); };
     add("nesting/struct", nested, "", {1, 2, 4, 8, 32, 128});
-    benchmark::RegisterBenchmark("type lookup/13 names", look_up_types);
+    benchmark::RegisterBenchmark("type lookup/13 names", [](benchmark::State& state) {
+        for (auto iteration : state) {
+            for (const auto& name : kScalarTypes) benchmark::DoNotOptimize(data_type_of(name));
+        }
+    });
     // None of the threads is the main thread, whose memory is managed in another way.
     benchmark::RegisterBenchmark("release", [](benchmark::State& state) {
         std::thread([&] { make_and_release(state); }).join();
     })->UseRealTime();
+    return true;
 }
 
+[[maybe_unused]] const bool kRegistered = register_all();
+
+}  // namespace
 }  // namespace bench

@@ -13,7 +13,6 @@
 #include "client/IVexaClient.h"
 #include "client/receiving/dispatch.h"
 #include "client/utility/json_access.h"
-#include "in_process/arguments.h"
 #include "message.h"
 #include "task.h"
 #include "tests/interposing.h"
@@ -49,11 +48,6 @@ EXPORTED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
     return 0;
 }
 
-EXPORTED int pthread_detach(pthread_t thread) noexcept {
-    static const auto detach = real<decltype(pthread_detach)>(nullptr, "pthread_detach");
-    return tRunsInline ? 0 : detach(thread);
-}
-
 }  // extern "C"
 
 namespace {
@@ -83,11 +77,6 @@ Json::Value task_for(std::int64_t session) {
     Json::Value message = parsed(exec_task_text(small_request(), kFirstTransaction));
     message["session_id"] = static_cast<Json::UInt>(kSession + session);
     return message;
-}
-
-void dispatch_acknowledgement(benchmark::State& state) {
-    const Json::Value message = parsed(R"({"req_type":"REDY","opcode":"99","result":0})");
-    for (auto iteration : state) benchmark::DoNotOptimize(dispatch_message(message));
 }
 
 // The whole task but for the thread's start, whose time would hide all others. It finds its entries
@@ -132,7 +121,10 @@ void register_tasks() {
     };
     const auto services = [](auto& state) { run_inline(state, state.range(0), 1); };
     const auto sessions = [](auto& state) { run_inline(state, 1, state.range(0)); };
-    benchmark::RegisterBenchmark("dispatch/acknowledgement", dispatch_acknowledgement);
+    benchmark::RegisterBenchmark("dispatch/acknowledgement", [](benchmark::State& state) {
+        const Json::Value message = parsed(R"({"req_type":"REDY","opcode":"99","result":0})");
+        for (auto iteration : state) benchmark::DoNotOptimize(dispatch_message(message));
+    });
     add("reply/bytes", encode_reply, 10, 100, 1'000'000)->Complexity(benchmark::oN);
     add("task without thread/ready services", services, 10, 1, 1'000);
     add("task without thread/sessions", sessions, 10, 1, 10'000);
@@ -146,7 +138,6 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     __android_log_set_logger([](const __android_logger_data*, const char*) {});
     gDebugLevel = kDefaultDebugLevel;
-    register_arguments();
     register_tasks();
     benchmark::RunSpecifiedBenchmarks();
     return 0;

@@ -3,11 +3,13 @@
 // lock.
 //
 // Usage: bench-service-floor NAME, with a socket of packets as standard input
-// NAME is that of a contender; the steps stop early and answer at once.
+// NAME is that of a contender, which may say that workers stay; the steps stop early and answer at
+// once.
 
 #include <json/json.h>
 #include <sys/socket.h>
 
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -84,7 +86,8 @@ Maps decode(const Json::Value& arguments) {
 
 class Floor {
   public:
-    explicit Floor(const std::string& name) : last_(step_of(name)) {}
+    explicit Floor(const std::string& name)
+        : last_(step_of(name)), workers_stay_(name.find("stay") != std::string::npos) {}
 
     void serve() {
         std::vector<char> buffer(kBufferSize);
@@ -112,7 +115,28 @@ class Floor {
         }
         Task task{message["session_id"].asUInt(), message["subsys_id"].asUInt(), transaction,
                   message["func"]["name"].asString(), decode(message["func"]["args"])};
-        std::thread([this, task = std::move(task)]() mutable { run(&task); }).detach();
+        if (hand_over(&task)) return;
+        std::thread([this, task = std::move(task)]() mutable { work(&task); }).detach();
+    }
+
+    bool hand_over(Task* task) {
+        std::unique_lock<std::mutex> lock(workers_mutex_);
+        if (idle_ == 0) return false;
+        --idle_;
+        tasks_.push_back(std::move(*task));
+        lock.unlock();
+        given_.notify_one();
+        return true;
+    }
+
+    void work(Task* task) {
+        for (run(task); workers_stay_; run(task)) {
+            std::unique_lock<std::mutex> lock(workers_mutex_);
+            ++idle_;
+            given_.wait(lock, [this] { return !tasks_.empty(); });
+            *task = std::move(tasks_.back());
+            tasks_.pop_back();
+        }
     }
 
     // As in the library, the arguments are released before the reply is made.
@@ -147,6 +171,11 @@ class Floor {
     const Step last_;
     const std::unique_ptr<Json::CharReader> reader_{Json::CharReaderBuilder().newCharReader()};
     std::mutex send_mutex_;
+    const bool workers_stay_;
+    std::mutex workers_mutex_;
+    std::condition_variable given_;
+    unsigned idle_ = 0;
+    std::vector<Task> tasks_;
 };
 
 }  // namespace

@@ -1,8 +1,11 @@
-// A service on the library. Its log lines go through a logger that discards them.
+// A service on the library. Its log lines go through a logger that discards them. Its argument is
+// the name of a contender, which may say that workers stay.
 
 #include <android/log.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "message.h"
 #include "task.h"
@@ -19,7 +22,9 @@ int accept_session(int, vexa_req_t*, void*) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    const bool workers_stay = argc == 2 && std::strstr(argv[1], "stay") != nullptr;
+    ::setenv("persist_vendor_vexon_clientlib_idle_workers", workers_stay ? "64" : "0", 1);
     __android_log_set_logger([](const __android_logger_data*, const char*) {});
     const auto id = static_cast<std::uint32_t>(vexa_svc_init());
     const auto* api = reinterpret_cast<const std::uint8_t*>(kApi);
