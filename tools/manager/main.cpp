@@ -16,6 +16,7 @@
 #include "manager/console/interruption.h"
 #include "manager/prompt/prompt.h"
 #include "manager/prompt/script.h"
+#include "manager/recording/pictures.h"
 #include "manager/recording/replay.h"
 #include "manager/services/service_process.h"
 #include "manager/simulation/Manager.h"
@@ -46,13 +47,15 @@ constexpr char kFooter[] =
     "  vexon-manager --script test.vexon --record test.jsonl\n"
     "                                             the same, and keep the conversation\n"
     "  vexon-manager --replay test.jsonl          does the service still answer the same?\n"
+    "  vexon-manager --from test.jsonl --diagram test.html\n"
+    "                                             a page to look at, as --diagram with --script\n"
     "\n"
     "Exit status:\n"
     "  0      the commands ended, or a signal came while none was carried out; if SERVICE ended\n"
     "         before them, its own exit status\n"
     "  1      a command of the script failed, an expectation was not met, the service did not\n"
-    "         answer as recorded, it made a fault with --strict, the definition has one, or the\n"
-    "         recording could not be written\n"
+    "         answer as recorded, it made a fault with --strict, the definition has one, or a\n"
+    "         recording or picture could not be read or written\n"
     "  2      the command line, or a command of the script, is wrong\n"
     "  3      the Manager cannot run, as when it cannot listen at its path\n"
     "  128+N  signal N (SIGINT, SIGTERM, SIGHUP) interrupted a command of the script\n"
@@ -63,6 +66,9 @@ struct Options {
     std::string script;
     std::string record;
     std::string replay;
+    std::string trace;
+    std::string diagram;
+    std::string from;
     std::vector<std::string> ignored;
     std::string check;
     std::optional<std::string> watch;
@@ -105,18 +111,33 @@ int run_commands(const Options& options, CommandContext& context) {
     return run_script(lines, options.script, context);
 }
 
-int end(int status, CommandContext& context) {
-    // The ends of the connections belong to the recording.
+void complain(const std::string& message) {
+    fail(0, message);
+}
+
+int draw_recording(const Options& options) try {
+    if (options.trace.empty() && options.diagram.empty()) {
+        return fail(kBadUsage, "--from needs --trace or --diagram");
+    }
+    Pictures(options.trace, options.diagram).draw(options.from, complain);
+    return kSucceeded;
+} catch (const ManagerError& error) {
+    return fail(kCommandFailed, error.what());
+}
+
+int end(int status, CommandContext& context, std::optional<Pictures>& pictures) {
+    // The ends of the connections belong to the recording and the pictures.
     context.manager.stop();
     if (context.traffic.calls.has_news()) show_calls(context);
-    if (context.console.is_broken()) return kInterrupted + SIGPIPE;
     try {
         context.traffic.recorder.stop();
+        context.traffic.pictured.stop();
+        if (pictures) pictures->draw(pictures->recording(), complain);
     } catch (const ManagerError& error) {
         context.console.error(error.what());
-        return status == kSucceeded ? kCommandFailed : status;
+        if (status == kSucceeded) status = kCommandFailed;
     }
-    return status;
+    return context.console.is_broken() ? kInterrupted + SIGPIPE : status;
 }
 
 ReplayOptions replay_options(const Options& options) {
@@ -126,12 +147,16 @@ ReplayOptions replay_options(const Options& options) {
 }
 
 /// Opens the files of the command line. Throws ManagerError.
-void open_files(const Options& options, CommandContext& context, std::optional<Replay>* replay) {
+void open_files(const Options& options, CommandContext& context, std::optional<Replay>& replay,
+                std::optional<Pictures>& pictures) {
     // Before the Manager listens: no service may be answered otherwise than recorded.
     if (!options.replay.empty()) {
-        replay->emplace(options.replay, replay_options(options), context);
+        replay.emplace(options.replay, replay_options(options), context);
     }
     if (!options.record.empty()) context.traffic.recorder.start(options.record);
+    if (options.trace.empty() && options.diagram.empty()) return;
+    pictures.emplace(options.trace, options.diagram);
+    context.traffic.pictured.start(pictures->recording());
 }
 
 int run(const Options& options) {
@@ -144,8 +169,9 @@ int run(const Options& options) {
     CommandContext context{simulated, console, interruption, traffic};
     context.strict = options.strict;
     std::optional<Replay> replay;
+    std::optional<Pictures> pictures;
     try {
-        open_files(options, context, &replay);
+        open_files(options, context, replay, pictures);
     } catch (const ManagerError& error) {
         return fail(kCommandFailed, error.what());
     }
@@ -165,7 +191,7 @@ int run(const Options& options) {
         if (status == kSucceeded) status = service_status;
     }
     if (status == kSucceeded && options.strict && traffic.faults > 0) status = kCommandFailed;
-    return end(status, context);
+    return end(status, context, pictures);
 }
 
 /// Looks at a definition alone: what stands in the file from the first brace on.
@@ -242,8 +268,14 @@ int main(int argc, char** argv) try {
     auto* script = app.add_option("--script", options.script, "Take the commands from this file")
                        ->type_name("FILE")
                        ->check(exists);
-    app.add_option("--record", options.record, "Write the conversation to this file")
+    auto* record = app.add_option("--record", options.record, "Write the conversation to this file")
+                       ->type_name("FILE");
+    app.add_option("--trace", options.trace,
+                   "Write the conversation to this file at the end, for trace viewers")
         ->type_name("FILE");
+    app.add_option("--diagram", options.diagram,
+                   "Write it to this file at the end, as a page with a sequence diagram")
+        ->type_name("FILE.html");
     auto* replay =
         app.add_option(
                "--replay", options.replay,
@@ -256,6 +288,13 @@ int main(int argc, char** argv) try {
                    "Members that --replay does not compare, as help replay explains")
         ->type_name("NAME")
         ->needs(replay);
+    app.add_option("--from", options.from,
+                   "Take the conversation for --trace and --diagram from this recording, and end")
+        ->type_name("RECORDING")
+        ->check(exists)
+        ->excludes(script)
+        ->excludes(replay)
+        ->excludes(record);
     app.add_option(
            "--check", options.check,
            "Check the definition of a service in this file, print what it declares, and end")
@@ -278,6 +317,7 @@ int main(int argc, char** argv) try {
         return app.exit(error) == 0 ? kSucceeded : kBadUsage;
     }
     if (!options.check.empty()) return check_definition(options.check);
+    if (!options.from.empty()) return draw_recording(options);
     const bool is_real_path = options.path == kDefaultPath || options.path == kDedicatedPath;
     const std::string folder = std::filesystem::path(options.path).parent_path();
     if (!options.service.empty() && is_real_path && access(folder.c_str(), W_OK) != 0) {

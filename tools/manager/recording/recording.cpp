@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <optional>
@@ -35,10 +36,6 @@ constexpr std::array<KindName, 5> kKindNames{{
     {"disconnected", "by", "manager", Kind::Closed},
 }};
 
-bool is_packet(const RecordedEvent& event) {
-    return event.kind == Kind::FromClient || event.kind == Kind::ToClient;
-}
-
 bool is_text(const Json::Value& value, const char* text) {
     return value.isString() && value.asString() == text;
 }
@@ -61,9 +58,17 @@ std::optional<std::string> packet_text(const Json::Value& event, const std::stri
     return std::nullopt;
 }
 
+/// Returns the other time where the event has none, or one that no clock shows.
+std::chrono::nanoseconds time_of(const Json::Value& event, std::chrono::nanoseconds other) {
+    const Json::Value& seconds = member(event, "monotonic");
+    if (!seconds.isNumeric() || std::abs(seconds.asDouble()) > 1e9) return other;
+    return std::chrono::nanoseconds(std::llround(seconds.asDouble() * 1e9));
+}
+
 /// Returns nothing for an event that is no part of the conversation; throws BadCommand if the line
 /// is wrong.
-std::optional<RecordedEvent> read_event(std::size_t number, const std::string& line) {
+std::optional<RecordedEvent> read_event(std::size_t number, const std::string& line,
+                                        std::chrono::nanoseconds time_before) {
     const auto event = parse_json(line);
     const Json::Value& name = event ? member(*event, "event") : Json::Value::nullSingleton();
     if (!name.isString()) throw BadCommand("this is no line of a recording");
@@ -76,7 +81,13 @@ std::optional<RecordedEvent> read_event(std::size_t number, const std::string& l
     if (kind == kKindNames.end() || !client.isInt()) {
         throw BadCommand("\"client\", \"direction\" or \"by\" is missing or wrong");
     }
-    RecordedEvent recorded{number, kind->kind, client.asInt(), {}};
+    const Json::Value& wall_time = member(*event, "time");
+    RecordedEvent recorded{number,
+                           kind->kind,
+                           time_of(*event, time_before),
+                           wall_time.isString() ? wall_time.asString() : "",
+                           client.asInt(),
+                           {}};
     if (!is_packet(recorded)) return recorded;
     auto text = packet_text(*event, line);
     if (!text) throw BadCommand("the packet has no \"message\" and no \"text\"");
@@ -100,19 +111,34 @@ void leave_out_last_closes(std::vector<RecordedEvent>& events) {
 
 }  // namespace
 
-std::vector<RecordedEvent> read_recording(const std::string& file) {
+bool is_packet(const RecordedEvent& event) {
+    return event.kind == Kind::FromClient || event.kind == Kind::ToClient;
+}
+
+std::vector<RecordedEvent> read_events(const std::string& file,
+                                       const std::function<void(const std::string&)>& wrong) {
     std::ifstream input(file, std::ios::binary);
     if (!input.is_open()) throw ManagerError("cannot read " + file + ": " + std::strerror(errno));
     std::vector<RecordedEvent> events;
+    std::chrono::nanoseconds time{};
     std::string line;
     for (std::size_t number = 1; std::getline(input, line); ++number) {
         try {
-            if (auto event = read_event(number, line)) events.push_back(std::move(*event));
+            auto event = read_event(number, line, time);
+            if (!event) continue;
+            time = event->time;
+            events.push_back(std::move(*event));
         } catch (const BadCommand& error) {
-            throw ManagerError(fmt::format("{}:{}: {}", file, number, error.what()));
+            wrong(fmt::format("{}:{}: {}", file, number, error.what()));
         }
     }
     leave_out_silent_clients(events);
+    return events;
+}
+
+std::vector<RecordedEvent> read_recording(const std::string& file) {
+    auto events =
+        read_events(file, [](const std::string& message) { throw ManagerError(message); });
     leave_out_last_closes(events);
     if (events.empty()) throw ManagerError(file + " is no recording: it holds no packet");
     return events;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,16 +15,29 @@ struct RecordedEvent {
     /// The number of its line, from 1.
     std::size_t line;
     Kind kind;
+    /// On a clock that is never set; that of the event before if the line has none.
+    std::chrono::nanoseconds time;
+    /// In UTC, as it is written.
+    std::string wall_time;
     /// The number the client had then.
     int client;
     /// Of a packet.
     std::string text;
 };
 
+/// Whether the event is a packet, not a change of a connection.
+bool is_packet(const RecordedEvent& event);
+
 /// Reads a file that the recorder wrote, or what the program printed as JSON: lines of events that
-/// are no part of the conversation are passed over. Left out are clients that exchanged no packet,
-/// and that the Manager closed connections at last, which it does whenever it ends.
-/// Throws ManagerError if the file cannot be read, a line is wrong or there is no packet in it.
+/// are no part of the conversation are passed over. Left out are clients that exchanged no packet.
+/// Calls `wrong` with a message for each line that is wrong, and goes on if it returns.
+/// Throws ManagerError if the file cannot be read.
+std::vector<RecordedEvent> read_events(const std::string& file,
+                                       const std::function<void(const std::string&)>& wrong);
+
+/// Reads a recording to replay. Left out is, too, that the Manager closed connections at last,
+/// which it does whenever it ends. Throws ManagerError if the file cannot be read, a line is wrong
+/// or there is no packet in it.
 std::vector<RecordedEvent> read_recording(const std::string& file);
 
 }  // namespace manager

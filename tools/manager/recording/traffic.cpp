@@ -10,6 +10,7 @@ void Traffic::follow(SimulatedManager& manager, Console& console) {
             const auto message = parse_json(packet.text);
             show(packet, message, console);
             recorder.add(packet);
+            pictured.add(packet);
             events.add(packet);
             if (message) calls.add(packet, *message);
             for (const std::string& fault : services.add(packet, message)) {
@@ -20,6 +21,7 @@ void Traffic::follow(SimulatedManager& manager, Console& console) {
         [this, &console](const ConnectionChange& change) {
             console.connection(change);
             recorder.add(change);
+            pictured.add(change);
             events.add(change);
             services.add(change);
         });

@@ -14,6 +14,8 @@ namespace manager {
 /// What follows the conversation besides the console. Thread-safety: as its members.
 struct Traffic {
     Recorder recorder;
+    /// Records for pictures, whatever the commands record.
+    Recorder pictured;
     CallStatistics calls;
     EventQueue events;
     Services services;
