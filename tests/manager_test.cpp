@@ -836,11 +836,11 @@ TEST(Program, EndsCleanlyOnSignalsAndWhenNobodyReads) {
               "do grep -q \"$1\" $shown && return; sleep 0.1; done; }; "
               "{ wait_for 'manager> '; printf 'bogus'; wait_for bogus; printf '\\003'; wait_for "
               "'\\^C'; "
-              "printf 'sleep 60000\\n'; sleep 0.5; printf '\\003'; wait_for 'signal 2'; "
+              "printf 'expect x 60000\\n'; sleep 0.5; printf '\\003'; wait_for 'signal 2'; "
               "printf 'help sleep\\n'; wait_for Wait; printf '\\004'; sleep 0.5; } | "
               "SHELL=/bin/sh TERM=xterm script -qfec \"exec $M\" $shown >/dev/null; echo $?; "
               "cat $XDG_STATE_HOME/vexon-manager/history; rm -r $shown $XDG_STATE_HOME",
-              "\n0\n_HiStOrY_V2_\nsleep\\04060000\\012\nhelp\\040sleep\\012\n"}}) {
+              "\n0\n_HiStOrY_V2_\nexpect\\040x\\04060000\\012\nhelp\\040sleep\\012\n"}}) {
         const std::string output = '\n' + run_shell(command);
         expect_part(output, expected);
         EXPECT_NE(access(kDefaultPath, F_OK), 0) << "the socket file was left by " << command;

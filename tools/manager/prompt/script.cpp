@@ -80,10 +80,12 @@ void run_prompt(LineSource& lines, CommandContext& context) {
     while (!context.quit) {
         const auto line = lines.next();
         if (!line) return;
+        // An earlier command or line may have been cancelled.
+        context.manager.set_waiting(true);
         const Outcome outcome = run_command(*line, context);
         if (outcome.status != kSucceeded) context.console.error(outcome.message);
         // Ctrl-C has ended the command, not the program.
-        if (context.interruption.forgive()) context.manager.set_waiting(true);
+        context.interruption.forgive();
     }
 }
 
