@@ -154,10 +154,10 @@ TEST_F(WorkersTest, ATaskMayEndItsLifeAndBeginAnother) {
     static std::function<void()> begin_another;
     begin_another = [this] { ASSERT_NO_FATAL_FAILURE(init_and_offer(meet)); };
     const auto leave = [](_vexon_call_info_t* call, vexon_func_call_info_t args) {
-        const bool stays = args.func_name == "meet";
-        if (!stays) EXPECT_EQ(0, vexa_svc_deinit(static_cast<std::uint32_t>(current_service_id())));
+        if (args.func_name == "meet") return meet(call, args);
+        EXPECT_EQ(0, vexa_svc_deinit(static_cast<std::uint32_t>(current_service_id())));
         if (args.func_name == "leave and begin another") begin_another();
-        return stays ? meet(call, args) : 0;
+        return 0;
     };
     ASSERT_NO_FATAL_FAILURE(serve("1", leave));
     const Threads first = run(1);
