@@ -86,7 +86,7 @@ int main() {
     action.sa_handler = on_signal;
     // Without SA_RESTART a signal costs the receive thread half a second. A second signal ends the
     // process even while it waits for a Manager that does not answer.
-    action.sa_flags = SA_RESTART | SA_RESETHAND;
+    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 
