@@ -1309,9 +1309,11 @@ class Service : public Api {
     bool in_service_ = false;
 };
 
+/// \cond
 inline bool Api::is_stopping() const {
     return service_->stopping_;
 }
+/// \endcond
 
 inline std::uint32_t Call::opcode() const {
     return api_.opcode();
