@@ -4,10 +4,12 @@
 #include <vector>
 
 #include "fuzz/require.h"
+#include "vexon2_0_reply.h"
 
 namespace {
 
 using Holder = std::shared_ptr<ValuesInterface>;
+using vexon::Object;
 
 template <class T>
 const T& held(const Holder& holder) {
@@ -15,91 +17,90 @@ const T& held(const Holder& holder) {
     return std::static_pointer_cast<ParamValues<T>>(holder)->value;
 }
 
-void append(const std::string& value, std::string* text) {
-    *text += value;
-}
-
-template <class Number>
-void append(Number value, std::string* text) {
-    *text += std::to_string(value);
-}
-
 template <class T>
-void read_scalar(const Holder& holder, std::string* text) {
-    append(held<T>(holder), text);
+void read(const Holder& holder, Object* object) {
+    object->add("value", held<T>(holder));
 }
 
-template <class T>
-void read_vector(const Holder& holder, std::string* text) {
-    for (const auto& value : held<std::vector<T>>(holder)) {
-        append(value, text);
-        *text += ',';
-    }
-}
-
-struct Readers {
-    void (*scalar)(const Holder& holder, std::string* text);
-    void (*vector)(const Holder& holder, std::string* text);
+struct Type {
+    const char* name;
+    void (*read_scalar)(const Holder& holder, Object* object);
+    void (*read_vector)(const Holder& holder, Object* object);
 };
 
 template <class T>
-constexpr Readers kReadersOf = {read_scalar<T>, read_vector<T>};
+constexpr Type type(const char* name) {
+    return {name, read<T>, read<std::vector<T>>};
+}
 
 // In the order of the tags, from VEXON_TYPE_UINT8 and VEXON_TYPE_VECTOR_UINT8 on.
-constexpr Readers kReaders[] = {
-    kReadersOf<unsigned char>, kReadersOf<unsigned short>, kReadersOf<unsigned int>,
-    kReadersOf<std::uint64_t>, kReadersOf<signed char>,    kReadersOf<short>,
-    kReadersOf<int>,           kReadersOf<std::int64_t>,   kReadersOf<double>,
-    kReadersOf<std::string>,   kReadersOf<bool>,           kReadersOf<int>,
-    kReadersOf<std::string>,
+constexpr Type kTypes[] = {
+    type<unsigned char>("uint8"),
+    type<unsigned short>("uint16"),
+    type<unsigned int>("uint32"),
+    type<std::uint64_t>("uint64"),
+    type<signed char>("int8"),
+    type<short>("int16"),
+    type<int>("int32"),
+    type<std::int64_t>("int64"),
+    type<double>("double"),
+    type<std::string>("string"),
+    type<bool>("boolean"),
+    type<int>("enum"),
+    type<std::string>("bnry_blb"),
 };
 
-void read_structs(const Holder& typed, const Holder& plain, std::string* text);
+using Objects = std::vector<Object>;
 
-void read_entries(const vexon_type_map_t& typed, const vexon_value_map_t& plain, std::string* text);
+Objects read_entries(const vexon_type_map_t& typed, const vexon_value_map_t& plain);
 
-void read_value(vexon_data_type_t tag, const Holder& typed, const Holder& plain,
-                std::string* text) {
+Objects read_structs(const Holder& typed, const Holder& plain) {
+    const auto& typed_structs = held<std::vector<vexon_type_map_t>>(typed);
+    const auto& plain_structs = held<std::vector<vexon_value_map_t>>(plain);
+    require(typed_structs.size() == plain_structs.size(), "both queues hold the same structs");
+    Objects structs;
+    for (std::size_t i = 0; i < typed_structs.size(); ++i) {
+        structs.push_back(
+            Object().add("members", read_entries(typed_structs[i], plain_structs[i])));
+    }
+    return structs;
+}
+
+void read_value(vexon_data_type_t tag, const Holder& typed, const Holder& plain, Object* object) {
     if (tag == VEXON_TYPE_STRUCT) {
-        read_entries(held<vexon_type_map_t>(typed), held<vexon_value_map_t>(plain), text);
+        const auto& values = held<vexon_value_map_t>(plain);
+        object->add("members", read_entries(held<vexon_type_map_t>(typed), values));
+        object->add("type", "struct");
         return;
     }
     if (tag == VEXON_TYPE_VECTOR_STRUCT) {
-        read_structs(typed, plain, text);
+        object->add("type", "vector").add("value", read_structs(typed, plain));
+        object->add("vec_type", "struct");
         return;
     }
     require(typed == plain, "both queues hold the same object");
     if (tag >= VEXON_TYPE_UINT8 && tag <= VEXON_TYPE_BLOB) {
-        kReaders[tag - VEXON_TYPE_UINT8].scalar(typed, text);
+        const Type& type = kTypes[tag - VEXON_TYPE_UINT8];
+        type.read_scalar(typed, &object->add("type", type.name));
         return;
     }
     require(tag >= VEXON_TYPE_VECTOR_UINT8 && tag <= VEXON_TYPE_VECTOR_BLOB, "the tag is known");
-    kReaders[tag - VEXON_TYPE_VECTOR_UINT8].vector(typed, text);
+    const Type& type = kTypes[tag - VEXON_TYPE_VECTOR_UINT8];
+    type.read_vector(typed, &object->add("type", "vector"));
+    object->add("vec_type", type.name);
 }
 
-void read_structs(const Holder& typed, const Holder& plain, std::string* text) {
-    const auto& typed_structs = held<std::vector<vexon_type_map_t>>(typed);
-    const auto& plain_structs = held<std::vector<vexon_value_map_t>>(plain);
-    require(typed_structs.size() == plain_structs.size(), "both queues hold the same structs");
-    auto plain_struct = plain_structs.begin();
-    for (const vexon_type_map_t& entries : typed_structs) {
-        read_entries(entries, *plain_struct++, text);
-    }
-}
-
-void read_entries(const vexon_type_map_t& typed, const vexon_value_map_t& plain,
-                  std::string* text) {
+Objects read_entries(const vexon_type_map_t& typed, const vexon_value_map_t& plain) {
     require(typed.size() == plain.size(), "both queues have as many entries");
-    *text += '{';
+    Objects entries;
     auto plain_entry = plain.begin();
     for (const auto& [key, entry] : typed) {
         require(key == plain_entry->first, "both queues have the same keys");
-        *text += std::to_string(key) + '=';
-        read_value(entry.first, entry.second, plain_entry->second, text);
-        *text += ' ';
+        read_value(entry.first, entry.second, plain_entry->second,
+                   &entries.emplace_back().add("id", key));
         ++plain_entry;
     }
-    *text += '}';
+    return entries;
 }
 
 }  // namespace
@@ -107,7 +108,9 @@ void read_entries(const vexon_type_map_t& typed, const vexon_value_map_t& plain,
 std::string read_arguments(const vexon_func_call_info_t& info) noexcept {
     require((info.type_queue == nullptr) == (info.value_queue == nullptr),
             "there are both queues or none");
-    std::string text = info.func_name + ' ' + std::to_string(info.num_of_args);
-    if (info.type_queue != nullptr) read_entries(*info.type_queue, *info.value_queue, &text);
-    return text;
+    Object call;
+    call.add("name", info.func_name).add("num_of_args", info.num_of_args);
+    const bool has_none = info.type_queue == nullptr;
+    call.add("args", has_none ? Objects() : read_entries(*info.type_queue, *info.value_queue));
+    return call.text();
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "fuzz/argument_writer.h"
 #include "fuzz/oracle.h"
 #include "manager/base/json.h"
 
@@ -31,6 +32,10 @@ const Json::Value& any_element(const Json::Value& array, Random& random) {
     return array[static_cast<Json::ArrayIndex>(below(array.size(), random))];
 }
 
+int any_id(Random& random) {
+    return static_cast<int>(below(8, random));
+}
+
 // Values at and beyond the bounds of the types and of each kind of JSON. Never destroyed.
 const Json::Value& kValues = *new Json::Value(parsed(R"([
     null, true, 0, 1, 5, 6, -1, 127, 128, -129, 255, 256, 26, 27, 28, 65535, 65536, 1313,
@@ -38,73 +43,6 @@ const Json::Value& kValues = *new Json::Value(parsed(R"([
     9223372036854775808, 18446744073709551615, 18446744073709551616, 0.5, -1e300, 7.0, "",
     "1a", "0x1b", "26", "28", "-1", "99999999999999999999", "a\u0000b", "%s%n", "throw",
     "null", "vector", "struct", "cb", "none", "float", [], {}, [1], ["1"], {"id":1}])"));
-
-struct Scalar {
-    const char* type;
-    const char* value;
-};
-constexpr Scalar kScalars[] = {
-    {"uint8", "255"},
-    {"uint16", "65535"},
-    {"uint32", "4294967295"},
-    {"uint64", "18446744073709551615"},
-    {"int8", "-128"},
-    {"int16", "-32768"},
-    {"int32", "-2147483648"},
-    {"int64", "-9223372036854775808"},
-    {"double", "0.5"},
-    {"string", R"("a string that needs memory of its own")"},
-    {"boolean", "true"},
-    {"enum", "3"},
-    {"bnry_blb", R"("AAEC/w==")"},
-};
-
-Json::Value make_argument(unsigned depth, Random& random);
-
-Json::Value make_list(unsigned depth, Random& random) {
-    Json::Value list(Json::arrayValue);
-    for (std::size_t i = below(4, random); i > 0; --i) list.append(make_argument(depth, random));
-    return list;
-}
-
-Json::Value make_structs(unsigned depth, Random& random) {
-    Json::Value list(Json::arrayValue);
-    for (std::size_t i = below(3, random); i > 0; --i) {
-        Json::Value element;
-        element["members"] = make_list(depth, random);
-        list.append(element);
-    }
-    return list;
-}
-
-Json::Value make_argument(unsigned depth, Random& random) {
-    const Scalar& scalar = any_of(kScalars, random);
-    Json::Value argument;
-    argument["id"] = static_cast<int>(below(8, random));
-    switch (below(depth == 0 ? 2 : 4, random)) {
-        case 0:
-            argument["type"] = scalar.type;
-            argument["value"] = parsed(scalar.value);
-            break;
-        case 1:
-            argument["type"] = "vector";
-            argument["vec_type"] = scalar.type;
-            argument["value"] = Json::arrayValue;
-            for (std::size_t i = below(5, random); i > 0; --i) {
-                argument["value"].append(parsed(scalar.value));
-            }
-            break;
-        case 2:
-            argument["type"] = "struct";
-            argument["members"] = make_list(depth - 1, random);
-            break;
-        default:
-            argument["type"] = "vector";
-            argument["vec_type"] = "struct";
-            argument["value"] = make_structs(depth - 1, random);
-    }
-    return argument;
-}
 
 void remove_one(Json::Value* value, Random& random) {
     if (value->empty()) return;
@@ -144,9 +82,9 @@ void change_one(Json::Value* message, Random& random) {
             [[fallthrough]];
         default:
             if (value.isArray()) {
-                value.append(make_argument(2, random));
+                value.append(make_argument(any_id(random), random));
             } else if (value.isObject() && value.isMember("type")) {
-                value = make_argument(2, random);
+                value = make_argument(any_id(random), random);
             }
     }
 }
@@ -164,9 +102,7 @@ std::string mutate_json(const std::string& text, Random& random) {
     if (!message) return text;
     for (std::size_t i = below(3, random) + 1; i > 0; --i) change_one(&*message, random);
     if (below(8, random) != 0) state_number_of_arguments(&*message);
-    Json::StreamWriterBuilder one_line;
-    one_line["indentation"] = "";
-    return Json::writeString(one_line, *message);
+    return one_line(*message);
 }
 
 std::size_t mutate_input(std::uint8_t* data, std::size_t size, std::size_t max_size, unsigned seed,
