@@ -430,6 +430,10 @@ TEST_F(KitTest, OpcodesHaveFunctionsOfTheirOwn) {
         return event.kind == vexon::Event::Kind::kSessionStart && event.session != 6;
     });
     ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_TRUE(wait_until([&] {
+        const std::lock_guard lock(mutex);
+        return events == std::vector<std::string>{"0 0 = "};
+    }));
     manager_.start_session(6, {{kOpcode, {1}}});
     EXPECT_TRUE(expect(R"("session_id":6,"Result":"Failed")"));
     manager_.start_session(5, {{kOpcode, {1}}, {0x2b, {3}}});
