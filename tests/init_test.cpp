@@ -115,7 +115,7 @@ class LevelTest : public ServiceTest {
         _vexa_svc_register_auth(id(), 26, with_header("\x03").data() + 8, "token");
         _vexa_svc_register(id(), 26, nullptr);
         ASSERT_NO_FATAL_FAILURE(open_session(5));
-        ASSERT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "f"}), kSoon));
+        ASSERT_TRUE(serves(5));
         manager_.exec_task({5, kOpcode, 2, "f"});
         vexa_permission_query(5, {"CAMERA"});
         vexa_info_query(5, {"battery"});
@@ -231,22 +231,6 @@ TEST_F(ServiceTest, MarkersAreSentOnTheDedicatedSocketOnly) {
 
     EXPECT_EQ(-1, vexa_log_marker("lost"));
     EXPECT_TRUE(log_.contains("Message was not sent successfully VEXON_marker"));
-}
-
-// A reply of a task may outlive the connection and be sent at any moment of the next one's start.
-TEST_F(ServiceTest, SendsOfOtherThreadsMayMeetTheStart) {
-    std::atomic<bool> stop{false};
-    std::vector<std::future<void>> senders;
-    for (int i = 0; i < 4; ++i) {
-        senders.push_back(std::async(std::launch::async, [&stop] {
-            while (!stop) vexa_send_to_manager_raw("{}");
-        }));
-    }
-    for (int round = 0; round < 100 && !HasFatalFailure(); ++round) {
-        init();
-        vexa_svc_deinit(id());
-    }
-    stop = true;
 }
 
 }  // namespace

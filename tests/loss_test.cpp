@@ -23,14 +23,7 @@ bool settles_at(std::size_t descriptors, std::size_t threads) {
     return true;
 }
 
-class LossTest : public ServiceTest {
-  protected:
-    void serve_a_task(std::uint32_t session) {
-        ASSERT_NO_FATAL_FAILURE(init_and_offer());
-        ASSERT_NO_FATAL_FAILURE(open_session(session));
-        ASSERT_TRUE(manager_.await_reply(manager_.exec_task({session, kOpcode, 1, "f"}), kSoon));
-    }
-};
+class LossTest : public ServiceTest {};
 
 TEST_F(LossTest, TheServicesAreToldInOrderAndTheProcessCanStartAnew) {
     ASSERT_NO_FATAL_FAILURE(init_and_offer());
@@ -53,10 +46,10 @@ TEST_F(LossTest, TheServicesAreToldInOrderAndTheProcessCanStartAnew) {
     EXPECT_TRUE(log_.contains(kReconnected));
 
     // Nothing reads the new connection, so that whoever would wait for an answer is told at once.
-    const auto blob = with_header(definition("1c", ""));
-    EXPECT_EQ(-1, _vexa_svc_register_auth(id(), 28, blob.data(), "token"));
+    EXPECT_EQ(-1, register_service(id(), 28, "1c"));
     ASSERT_EQ(0, vexa_svc_deinit(id()));
-    ASSERT_NO_FATAL_FAILURE(serve_a_task(5));
+    ASSERT_NO_FATAL_FAILURE(init_and_open(5));
+    EXPECT_TRUE(serves(5));
 }
 
 TEST_F(LossTest, WithoutAReadyServiceNobodyIsToldAndDeinitSendsNothing) {
@@ -76,36 +69,13 @@ TEST_F(LossTest, WithoutAReadyServiceNobodyIsToldAndDeinitSendsNothing) {
     EXPECT_EQ(received, manager_.received().size());
 }
 
-TEST_F(LossTest, ReconnectionEndsAfter20Seconds) {
-    ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    const auto start = std::chrono::steady_clock::now();
-    manager_.stop();
-    ASSERT_TRUE(log_.wait_for("Failed to reconnect to manager due to time out", 30s));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 20s);
-    EXPECT_EQ((Calls{"0 26::0 0"}), recorder_.calls()) << "no notice of a reconnection";
-    const std::size_t attempts = log_.count("Failed to connect to VEXON Manager (");
-    EXPECT_GE(attempts, 100U);
-    EXPECT_LE(attempts, 401U);
-}
-
-TEST_F(LossTest, DeinitEndsTheReconnection) {
-    ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    const std::size_t threads = entries_of("/proc/self/task");
-    manager_.stop();
-    ASSERT_TRUE(log_.wait_for("Failed to connect to VEXON Manager (", kSoon));
-    ASSERT_EQ(0, vexa_svc_deinit(id()));
-    EXPECT_TRUE(settles_at(1000, threads - 2)) << "neither Manager nor receive thread";
-    manager_.start();
-    ASSERT_NO_FATAL_FAILURE(serve_a_task(5));
-    EXPECT_FALSE(log_.contains(kReconnected));
-}
-
 TEST_F(LossTest, InitAfterDeinitServesEachTimeAndLeavesNothingBehind) {
     std::size_t descriptors = 0;
     std::size_t threads = 0;
     for (std::uint32_t round = 0; round < 300; ++round) {
         SCOPED_TRACE(round);
-        ASSERT_NO_FATAL_FAILURE(serve_a_task(round));
+        ASSERT_NO_FATAL_FAILURE(init_and_open(round));
+        ASSERT_TRUE(serves(round));
         ASSERT_EQ(0, vexa_svc_deinit(id()));
         if (round == 0) {
             ASSERT_TRUE(manager_.wait_for_clients(0, kSoon));

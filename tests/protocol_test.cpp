@@ -39,16 +39,8 @@ TEST_F(ServiceTest, TheDocumentedConversationTakesPlace) {
     // What a service does to have a message sent. The others are answers.
     const std::map<std::string, std::function<void()>> actions = {
         {"INIT", [&] { init(); }},
-        {"AUTH",
-         [&] {
-             const auto blob = with_header(definition("1a", R"({"id":1},{"id":2})"));
-             EXPECT_EQ(0, _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token"));
-         }},
-        {"REDY",
-         [&] {
-             EXPECT_EQ(
-                 0, _vexa_svc_ready(id(), kOpcode, StateRecorder::record, &recorder_, echo_name));
-         }},
+        {"AUTH", [&] { EXPECT_EQ(0, register_service(id())); }},
+        {"REDY", [&] { EXPECT_EQ(0, declare_ready(id(), &recorder_)); }},
         {"PERMISSION",
          [&] {
              EXPECT_EQ((std::vector<bool>{true, false}),

@@ -162,8 +162,7 @@ void exchange_values(Json::Value& root, Json::Value& place,
 }
 
 TEST_F(ServiceTest, EachValueOfAMessageMayBeOfAnyKind) {
-    ASSERT_NO_FATAL_FAILURE(init_and_offer());
-    ASSERT_NO_FATAL_FAILURE(open_session(5));
+    ASSERT_NO_FATAL_FAILURE(init_and_open(5));
     for (const char* const text : kMessages) {
         Json::Value message;
         std::istringstream(text) >> message;
@@ -175,7 +174,7 @@ TEST_F(ServiceTest, EachValueOfAMessageMayBeOfAnyKind) {
         ASSERT_NO_FATAL_FAILURE(wait_until_handled());
     }
     ASSERT_NO_FATAL_FAILURE(open_session(7));
-    EXPECT_TRUE(manager_.await_reply(manager_.exec_task({7, kOpcode, 1, "f"}), kSoon).has_value());
+    EXPECT_TRUE(serves(7));
 }
 
 // Acknowledgements read their opcode as decimal text up to the first other character.

@@ -124,11 +124,21 @@ class ServiceTest : public ::testing::Test {
 
     std::uint32_t id() const { return static_cast<std::uint32_t>(service_id_); }
 
-    // Registers a service with subsystems 1 and 2 and declares it ready.
+    // Registers a service with subsystems 1 and 2.
+    static int register_service(std::uint32_t service_id, std::uint32_t opcode = kOpcode,
+                                const std::string& opcode_hex = "1a") {
+        const auto blob = with_header(definition(opcode_hex, "{\"id\":1},{\"id\":2}"));
+        return _vexa_svc_register_auth(service_id, opcode, blob.data(), "token");
+    }
+
+    static int declare_ready(std::uint32_t service_id, StateRecorder* recorder) {
+        return _vexa_svc_ready(service_id, kOpcode, StateRecorder::record, recorder, echo_name);
+    }
+
+    // Registers a service and declares it ready.
     void offer(std::uint32_t opcode, const std::string& opcode_hex,
                vexon_exec_callback_t exec = echo_name) {
-        const auto blob = with_header(definition(opcode_hex, "{\"id\":1},{\"id\":2}"));
-        ASSERT_EQ(0, _vexa_svc_register_auth(id(), opcode, blob.data(), "token"));
+        ASSERT_EQ(0, register_service(id(), opcode, opcode_hex));
         ASSERT_EQ(0, _vexa_svc_ready(id(), opcode, StateRecorder::record, &recorder_, exec));
     }
 
@@ -141,6 +151,17 @@ class ServiceTest : public ::testing::Test {
         manager_.start_session(session, {{kOpcode, {kSubsystem}}});
         ASSERT_TRUE(expect("\"Result\":\"Success\""));
         manager_.ready_session(session, {{kOpcode, {kSubsystem}}});
+    }
+
+    void init_and_open(std::uint32_t session, vexon_exec_callback_t exec = echo_name) {
+        ASSERT_NO_FATAL_FAILURE(init_and_offer(exec));
+        ASSERT_NO_FATAL_FAILURE(open_session(session));
+    }
+
+    // Whether a task of the session is answered.
+    bool serves(std::uint32_t session, const std::string& function = "f") {
+        const auto transaction = manager_.exec_task({session, kOpcode, kSubsystem, function});
+        return manager_.await_reply(transaction, kSoon).has_value();
     }
 
     bool expect(const manager::Matcher& matcher) {

@@ -136,7 +136,7 @@ TEST_F(SessionTest, TheServicesAnswerDecidesTheStartOnly) {
         {"not so refusing the start", ready("5", R"({"id":"1a","subsystems":[{"id":2}]})"), "",
          "Session 5 with 0x0000001a::2 not started before ready call", ""},
     });
-    EXPECT_TRUE(manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "runs"}), kSoon));
+    EXPECT_TRUE(serves(5));
 }
 
 // User data and connection belong to others once vexa_svc_deinit() has returned.
