@@ -1,9 +1,8 @@
 // The service process of the soak test. It knows the library by its public header only.
 //
-// First it serves and carries out orders: 'l' to take leave of the Manager and start over, 't' to
-// give back memory that is not in use, 'f' to finish. Then it takes chances until the next 'f':
-// several threads call the library at random, with the id that the process has and with ids that it
-// had, while the Manager does what it likes. Standard error gets what should not be.
+// First it serves and carries out orders: 'l' to leave the Manager and start over, 't' to give back
+// unused memory, 'f' to finish. Then threads call the library at random until the next 'f', with the
+// id of the process and with former ones. Standard error gets what should not be.
 
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
@@ -32,9 +31,8 @@ std::atomic<bool> gLost{false};
 // The transaction of the task that this thread runs.
 thread_local std::uint64_t tTransaction = 0;
 
-// The lines would be many gigabytes. Two matters are told nowhere else: that a reply could not be
-// sent, which is said on the thread that ran the task, and that a session is known without having
-// the service of a task.
+// Two matters are told nowhere else: that a reply could not be sent, which is said on the thread of
+// the task, and that a session is known without having the service of a task.
 void watch_log(const __android_logger_data*, const char* text) {
     const std::string_view line = text;
     if (tTransaction != 0 && line.rfind("client NOT able to send msg", 0) == 0) {

@@ -32,8 +32,7 @@ constexpr auto kMemoryDecides = 30s;       // a shorter run has not seen enough 
 constexpr auto kLimit = 45s;               // far beyond what anything takes that does not hang
 constexpr auto kOutlived = 1s;             // what is older than this has run or never will
 constexpr std::string_view kSanitizers = VEXON_SANITIZERS;
-// What the library rejects while it decodes it does not release. That is so little that the check
-// of the memory tolerates it; where leaks are looked for, there is none.
+// The library does not release what it rejects while decoding: none where leaks are looked for.
 constexpr std::size_t kMostUndecodable = kSanitizers.find("address") == kSanitizers.npos ? 100 : 0;
 
 constexpr char kUndecodable[] =
