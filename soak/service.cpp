@@ -1,8 +1,8 @@
 // The service process of the soak test. It knows the library by its public header only.
 //
 // First it serves and carries out orders: 'l' to leave the Manager and start over, 't' to give back
-// unused memory, 'f' to finish. Then threads call the library at random until the next 'f', with the
-// id of the process and with former ones. Standard error gets what should not be.
+// unused memory, 'f' to finish. Then threads call the library at random until the next 'f', with
+// the id of the process and with former ones. Standard error gets what should not be.
 
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
