@@ -19,9 +19,6 @@ Json::Value make_scalar(std::string_view type, std::minstd_rand& random) {
     return number;
 }
 
-// The deepest structs are empty.
-constexpr unsigned kLevels = 3;
-
 Json::Value make_value(int id, unsigned levels, std::minstd_rand& random);
 
 Json::Value make_values(std::size_t count, unsigned levels, std::minstd_rand& random) {
@@ -30,49 +27,28 @@ Json::Value make_values(std::size_t count, unsigned levels, std::minstd_rand& ra
     return list;
 }
 
-Json::Value make_members(unsigned levels, std::minstd_rand& random) {
-    return levels == 0 ? Json::Value(Json::arrayValue)
-                       : make_values(random() % 4, levels - 1, random);
-}
+// Members have fewer levels below them than an argument. A vector of structs cannot be a member.
+constexpr unsigned kLevels = 2;
 
-Json::Value make_scalars(std::string_view type, std::minstd_rand& random) {
-    Json::Value list(Json::arrayValue);
-    for (auto left = random() % 5; left > 0; --left) list.append(make_scalar(type, random));
-    return list;
-}
-
-Json::Value make_structs(unsigned levels, std::minstd_rand& random) {
-    Json::Value list(Json::arrayValue);
-    for (auto left = random() % 3; left > 0; --left) {
-        list.append(Json::objectValue)["members"] = make_members(levels, random);
-    }
-    return list;
-}
-
-// `levels` counts those that may follow. A member cannot be a vector of structs.
 Json::Value make_value(int id, unsigned levels, std::minstd_rand& random) {
     const std::string type(kTypes[random() % std::size(kTypes)]);
-    const bool is_argument = levels + 1 == kLevels;
+    const auto form = random() % (levels == kLevels ? 4 : levels == 0 ? 2 : 3);
+    const auto make_members = [&] { return make_values(random() % 4, levels - 1, random); };
     Json::Value value;
     value["id"] = id;
-    switch (random() % (is_argument ? 4 : 3)) {
-        case 0:
-            value["type"] = type;
-            value["value"] = make_scalar(type, random);
-            break;
-        case 1:
-            value["type"] = "vector";
-            value["vec_type"] = type;
-            value["value"] = make_scalars(type, random);
-            break;
-        case 2:
-            value["type"] = "struct";
-            value["members"] = make_members(levels, random);
-            break;
-        default:
-            value["type"] = "vector";
-            value["vec_type"] = "struct";
-            value["value"] = make_structs(levels, random);
+    value["type"] = form == 0 ? type : form == 2 ? "struct" : "vector";
+    if (form == 0) {
+        value["value"] = make_scalar(type, random);
+    } else if (form == 2) {
+        value["members"] = make_members();
+    } else {
+        value["vec_type"] = form == 1 ? type : "struct";
+        value["value"] = Json::arrayValue;
+        for (auto left = random() % 4; left > 0; --left) {
+            Json::Value& element = value["value"].append(Json::objectValue);
+            if (form == 1) element = make_scalar(type, random);
+            if (form == 3) element["members"] = make_members();
+        }
     }
     return value;
 }
@@ -80,11 +56,11 @@ Json::Value make_value(int id, unsigned levels, std::minstd_rand& random) {
 }  // namespace
 
 Json::Value make_arguments(std::size_t count, std::minstd_rand& random) {
-    return make_values(count, kLevels - 1, random);
+    return make_values(count, kLevels, random);
 }
 
 Json::Value make_argument(int id, std::minstd_rand& random) {
-    return make_value(id, kLevels - 1, random);
+    return make_value(id, kLevels, random);
 }
 
 std::string one_line(const Json::Value& value) {
