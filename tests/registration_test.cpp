@@ -130,4 +130,34 @@ TEST_F(ServiceTest, NoAcknowledgementIsSleptThrough) {
     EXPECT_EQ(801U, manager_.received().size());
 }
 
+// What would else be searched for, and what ended the process at the first task or notice.
+TEST_F(ServiceTest, MissingCallbacksAndATokenAreNamed) {
+    ASSERT_NO_FATAL_FAILURE(init());
+    const auto blob = with_header(definition("1a", "{\"id\":1}"));
+    EXPECT_EQ(-2, _vexa_svc_register_auth(id(), kOpcode, blob.data(), nullptr));
+    EXPECT_TRUE(log_.contains("Service 0x0000001a cannot be registered without a token"));
+    EXPECT_EQ(1U, manager_.received().size());  // the INIT
+
+    ASSERT_EQ(0, _vexa_svc_register_auth(id(), kOpcode, blob.data(), "token"));
+    ASSERT_EQ(0, _vexa_svc_ready(id(), kOpcode, StateRecorder::record, &recorder_, nullptr));
+    EXPECT_TRUE(log_.contains("Service 0x0000001a has no exec callback: its tasks are refused"));
+    EXPECT_FALSE(log_.contains("has no state callback"));
+    ASSERT_NO_FATAL_FAILURE(open_session(5));
+    log_.clear();
+    manager_.exec_task({5, kOpcode, 1, "f"});
+    ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+    EXPECT_TRUE(log_.contains("Failed to handle execute task event"));
+
+    const auto other = with_header(definition("1b", "{\"id\":1}"));
+    ASSERT_EQ(0, _vexa_svc_register_auth(id(), 0x1b, other.data(), "token"));
+    ASSERT_EQ(0, _vexa_svc_ready(id(), 0x1b, nullptr, nullptr, echo_name));
+    EXPECT_TRUE(
+        log_.contains("Service 0x0000001b has no state callback: its sessions are refused"));
+    manager_.send_to_all(manager::permission_change_message("P", true, {5, "pack"}));
+    manager_.send_to_all(R"({"req_type":"state_change","state":"s","value":"v"})");
+    manager_.start_session(6, {{0x1b, {1}}});
+    EXPECT_TRUE(expect(R"("session_id":6,"Result":"Failed")"));
+    EXPECT_EQ(0U, log_.count("has been declared ready before"));
+}
+
 }  // namespace
