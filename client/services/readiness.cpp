@@ -32,8 +32,10 @@ void warn_of_missing_callbacks(std::uint32_t opcode, const ready_meta_data& serv
 
 // Enters the service, unless one of the opcode is there already.
 void enter_ready_service(std::uint32_t opcode, const ready_meta_data& service, Life life) {
-    std::lock_guard<std::mutex> lock(gReadyMutex);
-    if (is_over(life) || gReady.insert({opcode, service}).second) return;
+    {
+        std::lock_guard<std::mutex> lock(gReadyMutex);
+        if (is_over(life) || gReady.insert({opcode, service}).second) return;
+    }
     log_line(kFailure, "Service 0x%08x has been declared ready before: this is not answered",
              opcode);
 }

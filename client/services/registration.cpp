@@ -45,8 +45,10 @@ void remove_waiter(std::uint32_t opcode, const RegsAuthMetaData& waiter) {
 
 // Puts the waiter where the acknowledgement finds it, unless one for the opcode is there already.
 void add_waiter(std::uint32_t opcode, const RegsAuthMetaData& waiter, Life life) {
-    std::lock_guard<std::mutex> lock(gAuthMutex);
-    if (is_over(life) || gAuth.insert({opcode, waiter}).second) return;
+    {
+        std::lock_guard<std::mutex> lock(gAuthMutex);
+        if (is_over(life) || gAuth.insert({opcode, waiter}).second) return;
+    }
     log_line(kFailure, "Service 0x%08x is being registered already: this is not answered", opcode);
 }
 
