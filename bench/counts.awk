@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # From callgrind's profiles of the threads of one run: how often the threads of each kind did what
 # `what` says, and where the profile tells it, by function. Fields as per_task.awk takes them.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # From Google Benchmark's CSV files: the tables decoding.txt, release.txt and growth.txt, which are
 # put into `directory`.
 

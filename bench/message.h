@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calls that are measured, described once. JSON, D-Bus and protobuf arguments are made of this.
 
 #pragma once

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # From counts of two numbers of tasks: counts for each task, by message, contender and kind of
 # thread, and for the first message by function, where the counts tell it.
 # Fields: message, contender, kind of thread, function, tasks, count.

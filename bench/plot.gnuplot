@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # From the driver's CSV in `csv`: the median latency by message, and the rate by calls in flight, of
 # the rivals where both ends run on one core.
 set terminal svg size 900,840 background "white"

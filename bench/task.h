@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The function of the services that get their arguments in maps.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // State of the client. All of it stands here, but for what belongs to one thread or to the log.
 //
 // The objects are made when the library is loaded and never destroyed: detached threads may still

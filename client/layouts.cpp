@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixes where the members of the public records lie, on both data models and with both standard
 // libraries: services are compiled against them. Nothing but the compiler runs this.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Says which lock guards what, for clang's thread-safety analysis.
 //
 // The analysis needs annotated mutexes, which libc++ has and libstdc++ has not, so that everywhere

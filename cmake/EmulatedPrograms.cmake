@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # vexon_runnable(VARIABLE TARGET [PRIVATE_DEV])
 # Sets VARIABLE to a path by which a test can execute the program TARGET: its own path, or where
 # programs are built for another machine, that of a script that runs it in the emulator.

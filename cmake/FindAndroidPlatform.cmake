@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds libraries of the Android platform, by components. They come without pkg-config or CMake
 # files: on a device from the platform's sysroot, on Debian from android-liblog-dev and
 # android-libbase-dev, which are outside of the default search paths.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds jsoncpp as JsonCpp::JsonCpp: by its own CMake files, which Debian has, or in a sysroot that
 # has only the library and its headers.
 

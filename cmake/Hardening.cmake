@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # vexon_hardening: what makes faults in memory end a process rather than be of use to an attacker.
 # Compilers and processors have not all of it. Sanitizers have their own.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` copies, in three components: `runtime` to run services, `dev` to build them
 # and `tools` to try them. debian/ makes packages of it.
 #

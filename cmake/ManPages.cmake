@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # vexon_man_page(TARGET) makes and installs the manual page of a program of this tree. The program
 # tells its own usage, so it has to run on this machine.
 

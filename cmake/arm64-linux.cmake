@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Toolchain of Debian's g++ for arm64.
 
 set(vexon_architecture arm64)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Toolchain of Debian's g++ for 32-bit ARM.
 
 set(vexon_architecture armhf)

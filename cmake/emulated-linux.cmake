@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What the toolchains of Debian's cross compilers have in common; a toolchain file sets
 # vexon_architecture (Debian's name) and vexon_qemu before it includes this. Libraries come from the
 # sysroot that scripts/make-sysroot fills, programs of the build run in qemu's user emulation.

@@ -1,6 +1,6 @@
+// SPDX-License-Identifier: Apache-2.0
 // Structs, vectors and a slow function that needs a permission, in 30 lines.
 #include <vexon2_0_service.h>
-
 #include <thread>
 
 struct Scene {

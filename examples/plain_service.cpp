@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of vexon2_0.h by themselves, without the headers beside it: a service with one
 // function, which comes back whatever happens to the Manager.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A room thermostat that other programs reach through the Manager: an example of a service process.
 
 #include <vexon2_0_service.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Client library for processes that offer services through the Manager.
 ///
@@ -270,8 +271,8 @@ VEXON_API int _vexa_svc_ready(std::uint32_t service_id, std::uint32_t opcode,
 VEXON_API int vexa_svc_deinit(std::uint32_t service_id);
 
 /// Has `callback` told, with `user_data`, when nobody receives any more; a null one is nobody. This
-/// is how a process learns that it is out of service, whatever the cause was (see docs/services.md for
-/// how it gets back). Costs nothing otherwise: nothing is sent and nothing logged.
+/// is how a process learns that it is out of service, whatever the cause was (see docs/services.md
+/// for how it gets back). Costs nothing otherwise: nothing is sent and nothing logged.
 ///
 /// The callback is called once for each receive thread that vexa_svc_init() has started, as the
 /// last act of that thread, without locks held. Everything is allowed in it but to wait for the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Typed access to the arguments of a task and to the members of structs, so that no service casts
 /// by hand. Header only; needs nothing but vexon2_0.h.

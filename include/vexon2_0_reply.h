@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Builds the member text of a reply, the `func` of _vexon_call_info_t, correctly escaped. Header
 /// only; needs nothing but the standard library.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// A service made of typed functions, which stays in service. Header only; link with -lvexon2_0.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Arguments and results in types of the author's own: what vexon2_0_service.h decodes into the
 /// parameters of a function, writes as its results and describes in the definition of the service.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # bash completion for vexon-manager. The options are those that the program itself lists; what
 # follows one that takes a value is a file name, as for all but a few of them.
 

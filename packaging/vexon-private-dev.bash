@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # bash completion for vexon-private-dev: its arguments are a command and that command's own.
 
 _vexon_private_dev() {

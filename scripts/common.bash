@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sourced by the other scripts.
 
 # shellcheck disable=SC2034  # used by the scripts that source this file

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the driver calls a service, whatever they talk to each other.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls services the whole way, in closed loops with a number of calls in flight. Runs in a private
 // /dev.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is measured, and the forms in which it is read.
 
 #pragma once

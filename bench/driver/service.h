@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A service process of a contender, and how it is called.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What becomes of arguments: decoding beside jsoncpp's own parse of the message that holds them,
 // and release by various threads. What is compared is timed in turns, as what disturbs the machine
 // disturbs all then.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What runs inside a process without a socket, with Google Benchmark and its options. Here are
 // dispatch of a parsed message, tasks and replies.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The least that serves the same packets: jsoncpp parses them, a decoder without any check fills
 // two maps of shared values, each task has a thread, and the reply is concatenated and sent under a
 // lock.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The same service on gRPC, with its synchronous server: a thread of its pool for each call.
 
 #include <grpcpp/grpcpp.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A service on the library. Its log lines go through a logger that discards them. Its argument is
 // the name of a contender, which may say that workers stay.
 

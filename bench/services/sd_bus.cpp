@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The same service on sd-bus, peer to peer, in the way that is usual there: one thread, arguments
 // read in place.
 //

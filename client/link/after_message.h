@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the handler of a message has the receive thread do next.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one connection to the Manager.
 //
 // The connection changes with gConnectMutex held, and with gSendMutex, which sends hold, from when

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lives of the connection, and which of them a thread or a call belongs to.
 //
 // A life begins in vexa_svc_init() and ends with the first step of vexa_svc_deinit(), or with a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which of the two sockets is the Manager's, by properties and by the name of the thread. Any
 // thread.
 

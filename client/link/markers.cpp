@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vexa_log_marker() and vexa_log(): texts for whoever reads the log or traces the Manager. Any
 // thread.
 

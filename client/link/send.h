@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one way out. Each message is one packet.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The arguments of a task: from its "func" object to the two queues. Runs on the receive thread.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The argument queues of one call. They belong to one thread at a time: built on the receive
 // thread, then used by the task's.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The 13 scalar types: how a JSON value of each is tested, read, checked and held. Top-level
 // arguments, struct members and the elements of both kinds of vectors are decoded by this one
 // description; they differ in the words of their messages only.

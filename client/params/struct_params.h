@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoders of a struct's members. Both fill `typed` and `values` side by side; the first member of
 // an id stays. The second argument has no use. Run on the receive thread.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Arguments and members that are vectors. Runs on the receive thread.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "client/queries/info_query.h"
 
 #include "client/link/send.h"

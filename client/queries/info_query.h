@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // "INFO_QUERY" and "INFO_MNTR": information that a service asks for, and the answers.
 
 #pragma once

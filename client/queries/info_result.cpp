@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Taking apart and putting together the texts of information queries. Any thread.
 
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // "PERMISSION": permissions that a service asks for, and the answers.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What permission queries and information queries share: the query id, the wait of the caller and
 // the way of the answer to it. A query runs on its caller's thread, its answer comes on the receive
 // thread; the table's mutex guards the entries and what they point to.

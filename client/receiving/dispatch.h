@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From the "req_type" of a message to its handler.
 
 #pragma once

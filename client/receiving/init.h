@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // "INIT": vexa_svc_init(), which asks for the service id, and the Manager's answer to it.
 
 #pragma once

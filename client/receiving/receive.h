@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The receive thread, the only reader of the connection.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The observer that is told when nobody receives any more, see vexa_svc_on_receive_end().
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Acknowledgements: "AUTH", "REGS" and "REDY", the Manager's verdicts, for which callers wait.
 
 #pragma once

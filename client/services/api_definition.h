@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The API definition that a service hands to its registration.
 
 #pragma once

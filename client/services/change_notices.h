@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // "permission_change", "state_change" and "system_setting_change": notices to all services that are
 // ready, in ascending order of their opcodes.
 

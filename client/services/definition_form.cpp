@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vexa_definition_mismatches(): what a definition and the functions behind it disagree about. Any
 // thread; no state.
 

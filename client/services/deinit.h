@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vexa_svc_deinit(), and what is forgotten at the end of a life, whoever ends it.
 
 #pragma once

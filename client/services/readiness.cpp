@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // _vexa_svc_ready(): declares a service ready and waits for the Manager's verdict ("REDY").
 
 #include <mutex>

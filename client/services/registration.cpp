@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // _vexa_svc_register_auth(): registers a service and waits for the Manager's verdict ("AUTH").
 
 #include <mutex>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The services for which sessions may be started. Any thread.
 
 #pragma once

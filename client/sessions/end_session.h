@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // "end_session": ends services of a session, or all of it. Runs on the receive thread.
 
 #pragma once

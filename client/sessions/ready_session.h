@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // "ready_session": from then on tasks of the session may run. Runs on the receive thread.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end of all sessions when the Manager is lost: terminate_sessions().
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the messages of a session have in common: which services they name, how a service is told
 // and how the Manager is answered. Runs on the receive thread.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // "start_session": asks the services whether they take part. Runs on the receive thread.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record of a task, from its message to its reply. Belongs to one thread at a time.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // "exec_task": from the message to the service's function, which runs on a worker.
 
 #pragma once

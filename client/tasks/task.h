@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A task, from its decoded message to its reply. Belongs to one thread at a time.
 
 #pragma once

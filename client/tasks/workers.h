@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The threads that run tasks. Each runs one task at a time, and a task never waits for another: it
 // is handed to an idle worker if there is one, else a new one starts.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names of the data types; IVexaClient_utility.cpp has the public conversions of texts too.
 
 #pragma once

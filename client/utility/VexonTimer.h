@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures the time of one step of handling and logs it. Belongs to one thread.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Parsing of JSON text and access to what it holds.
 //
 // jsoncpp reports misuse (a value of a wrong kind, text that nests too deeply) by an exception, or

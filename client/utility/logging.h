@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Diagnostics. Every line goes to the Android log without a tag of its own; any thread may write
 // one, also while the process exits.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Starting of threads that nobody waits for.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stand-in for the platform's <cutils/properties.h> on hosts, where libcutils has no properties.
 // On a device the platform's own header is used.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For programs that need the Manager's real path: any user may run them, and several at a time.
 
 #pragma once

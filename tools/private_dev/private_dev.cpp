@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vexon-private-dev: runs a command that sees a /dev of its own, with an empty /dev/socket in it.
 //
 // The Manager's socket has a fixed path below /dev. With a private /dev every test run and every
