@@ -3,9 +3,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <iterator>
 #include <set>
+#include <utility>
 
 #include "client/tasks/workers.h"
 #include "faults.h"
@@ -179,6 +181,7 @@ TEST_F(WorkersTest, ATaskMayEndItsLifeAndBeginAnother) {
 
 TEST_F(WorkersTest, TheLibraryKeepsNothingOfATaskForTheNext) {
     ASSERT_NO_FATAL_FAILURE(serve("1", [](_vexon_call_info_t* call, vexon_func_call_info_t args) {
+        call->opcode = std::to_string(std::exchange(errno, EDOM));
         if (args.func_name == "ask") vexa_permission_query(5, {"x"});
         call->return_value = vexa_query_outcome();
         return meet(call, args);
@@ -190,6 +193,7 @@ TEST_F(WorkersTest, TheLibraryKeepsNothingOfATaskForTheNext) {
     const auto look = manager_.await_reply(manager_.exec_task({5, kOpcode, 1, "look"}), kSoon);
     ASSERT_TRUE(look);
     EXPECT_TRUE(contains(look->packet.text, "\"return\":2,"));
+    EXPECT_TRUE(contains(look->packet.text, "\"opcode\":\"0\","));
     EXPECT_EQ(ask->status, look->status) << "the same thread";
 }
 

@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <new>
@@ -58,6 +59,7 @@ void work(Task task) {
         const auto self = std::make_shared<IdleWorker>();
         while (std::optional<Task> next = await_task(self)) {
             set_query_outcome(VEXA_QUERY_NOT_SENT);  // nothing of the task before is seen
+            errno = 0;
             run_task(std::move(*next));
         }
     } catch (const std::bad_alloc&) {  // the next task starts a thread
