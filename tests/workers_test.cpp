@@ -245,4 +245,20 @@ TEST_F(WorkersTest, AChildProcessHasNoneOfThem) {
     EXPECT_EQ(first, run(1));
 }
 
+// What the child finds is then whole.
+TEST_F(WorkersTest, AProcessDoesNotForkWhileTheyChange) {
+    std::unique_lock<std::mutex> change(gWorkersMutex);
+    std::atomic<bool> forked{false};
+    std::thread forks([&forked] {
+        const pid_t child = ::fork();
+        if (child == 0) std::_Exit(0);
+        forked = true;
+        ::waitpid(child, nullptr, 0);
+    });
+    std::this_thread::sleep_for(kNotComing);
+    EXPECT_FALSE(forked);
+    change.unlock();
+    forks.join();
+}
+
 }  // namespace
