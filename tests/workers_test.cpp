@@ -227,6 +227,30 @@ TEST_F(WorkersTest, OneThatHasNoMemoryToBecomeIdleEnds) {
     EXPECT_TRUE(settles_at(1));
 }
 
+// What takes memory with the list locked may wait for a fork, which waits for the list.
+TEST_F(WorkersTest, OneThatHasBeenIdleNeedsNoMemoryToBecomeIdle) {
+    static std::atomic<int> may_end{0};
+    ASSERT_NO_FATAL_FAILURE(serve("2", [](_vexon_call_info_t*, vexon_func_call_info_t args) {
+        const int turn = std::stoi(args.func_name);
+        while (may_end < turn) std::this_thread::yield();
+        if (turn < 2) return 0;
+        may_fail_here();
+        fail(Call::kAnyNew, ENOMEM, 2);  // the first is the reply's
+        return 0;
+    }));
+    manager_.exec_task({5, kOpcode, 1, "1"});
+    manager_.exec_task({5, kOpcode, 1, "0"});
+    ASSERT_TRUE(wait_until([] { return idle_workers() == 1; }));
+    manager_.exec_task({5, kOpcode, 1, "2"});
+    ASSERT_TRUE(wait_until([] { return idle_workers() == 0; }));
+    may_end = 1;
+    ASSERT_TRUE(wait_until([] { return idle_workers() == 1; }));
+    may_end = 2;
+    ASSERT_TRUE(log_.wait_for("Out of memory", kSoon));
+    EXPECT_TRUE(settles_at(2));
+    fail(Call::kAnyNew, 0, 0);
+}
+
 #endif
 
 TEST_F(WorkersTest, AChildProcessHasNoneOfThem) {

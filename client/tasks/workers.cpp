@@ -93,6 +93,7 @@ void start_task(Task task) {
 void allow_idle_workers(int most) {
     std::lock_guard<std::mutex> lock(gWorkersMutex);
     gMostIdleWorkers = static_cast<std::size_t>(std::clamp(most, 0, kMostIdle));
+    gIdleWorkers.reserve(gMostIdleWorkers);  // so that becoming idle takes no memory
     while (gIdleWorkers.size() > gMostIdleWorkers) {
         const std::shared_ptr<IdleWorker> worker = std::move(gIdleWorkers.back());
         gIdleWorkers.pop_back();
