@@ -315,7 +315,8 @@ class Soak {
             if (permission_of(name) == "granted") manager_->grant(text);
             manager_->set_info(text, info_of(name));
         }
-        manager_->set_observer([this](const manager::Packet& packet) {
+        manager_->set_observer([this](const manager::Event& packet) {
+            if (!is_packet(packet)) return;
             const std::lock_guard lock(mutex_);
             packets_.push_back(packet);
             came_.notify_one();
@@ -425,7 +426,7 @@ class Soak {
     }
 
     void handle(const manager::Packet& packet) {
-        if (packet.direction == manager::Direction::ToClient) {
+        if (packet.kind == manager::Kind::ToClient) {
             note_delivery(packet);
         } else if (packet.text.rfind(kMarkerPrefix, 0) == 0) {
             const std::uint64_t marker = number_after(packet.text, kMarkerPrefix);
@@ -577,22 +578,21 @@ class Soak {
 
     void take_chances() {
         SimulatedManager manager(manager::kDefaultPath);
-        // Used by the observers only: the id of each connection, and the latest one. A connection
+        // Used by the observer only: the id of each connection, and the latest one. A connection
         // that the library has opened again by itself carries that of the one before.
         std::map<int, std::uint64_t> ids;
         std::uint64_t latest = 0;
-        manager.set_observer(
-            [&](const manager::Packet& packet) {
-                if (packet.direction == manager::Direction::ToClient) {
-                    if (!has(packet, R"("INIT")") || has(packet, ":-1")) return;
-                    latest = ids[packet.client] = number_after(packet.text, R"("service_id":)");
-                } else if (has(packet, R"("Service_Id":)")) {
-                    const std::uint64_t id = number_after(packet.text, R"("Service_Id":)");
-                    if (id != ids[packet.client]) fail(kChance, "{} of another life", packet.text);
-                    if (has(packet, R"("DINT")") && id == latest) latest = 0;
-                }
-            },
-            [&](const manager::ConnectionChange& change) { ids.emplace(change.client, latest); });
+        manager.set_observer([&](const manager::Event& event) {
+            if (event.kind == manager::Kind::Connected) ids.emplace(event.client, latest);
+            if (event.kind == manager::Kind::ToClient) {
+                if (!has(event, R"("INIT")") || has(event, ":-1")) return;
+                latest = ids[event.client] = number_after(event.text, R"("service_id":)");
+            } else if (has(event, R"("Service_Id":)")) {
+                const std::uint64_t id = number_after(event.text, R"("Service_Id":)");
+                if (id != ids[event.client]) fail(kChance, "{} of another life", event.text);
+                if (has(event, R"("DINT")") && id == latest) latest = 0;
+            }
+        });
         std::int64_t last_service = 0;  // an id is given once only
         manager.start(last_service);
         const auto end = Clock::now() + Milliseconds(duration_) / 5;

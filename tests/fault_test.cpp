@@ -152,8 +152,8 @@ TEST_F(FaultTest, OtherProgramsDoNotInheritTheConnection) {
 
 TEST_F(FaultTest, AQueryThatCannotWaitThrowsAndLeavesNothing) {
     // An answer would make the wait unnecessary.
-    manager_.set_silent(manager::Step::Info, true);
-    manager_.set_silent(manager::Step::Permission, true);
+    manager_.set_drop(manager::Step::Info, true);
+    manager_.set_drop(manager::Step::Permission, true);
     const std::function<void()> queries[] = {
         [] { vexa_info_query(5, {"x"}); },
         [] { vexa_info_monitor(5, {"x"}); },

@@ -53,7 +53,7 @@ TEST_F(ServiceTest, InitReturnsTheManagersRefusal) {
         {R"({"req_type":"INIT"})", -1, -1},
         {R"({"req_type":"INIT","service_id":-7})", -7, -7},  // only -1 counts as not initialised
     };
-    manager_.set_silent(Step::Init, true);
+    manager_.set_drop(Step::Init, true);
     for (const Refusal& refusal : refusals) {
         SCOPED_TRACE(refusal.answer);
         log_.clear();
@@ -219,9 +219,9 @@ TEST_F(ServiceTest, MarkersAreSentOnTheDedicatedSocketOnly) {
     SetProperty("vendor.vexon.one.markers", "true");
     ASSERT_NO_FATAL_FAILURE(init());
     EXPECT_EQ(0, vexa_log_marker("a marker, \"as it is\""));
-    EXPECT_TRUE(dedicated.expect(
-        [](const manager::Packet& packet) { return packet.text == "a marker, \"as it is\""; },
-        kSoon));
+    const manager::Matcher is_marker(
+        [](const manager::Packet& packet) { return packet.text == "a marker, \"as it is\""; });
+    EXPECT_TRUE(dedicated.expect(is_marker, kSoon));
 
     // The dedicated service takes its leave of a Manager that has been away too.
     dedicated.close_clients();

@@ -132,7 +132,7 @@ TEST_F(LifeTest, ACallWhoseLifeEndsLeavesAndSendsNothing) {
 }
 
 TEST_F(LifeTest, AnAcknowledgementOfTheNextLifeAnswersNoCallOfTheLast) {
-    manager_.set_silent(Step::Ready, true);
+    manager_.set_drop(Step::Ready, true);
     ASSERT_NO_FATAL_FAILURE(init());
     StateRecorder released;
     Gate gate(gReadyWaits.mutex);
@@ -186,7 +186,7 @@ TEST_F(LifeTest, AllWhoWaitReturnWhenTheConnectionEnds) {
             const bool has_id = step != Step::Init;
             if (!has_id && !end.releases_init) continue;
             if (has_id) init();
-            manager_.set_silent(step, true);
+            manager_.set_drop(step, true);
             std::vector<std::future<int>> callers;
             for (int i = 0; i < (has_id ? 2 : 1); ++i) {
                 callers.push_back(std::async(std::launch::async, call));
@@ -200,7 +200,7 @@ TEST_F(LifeTest, AllWhoWaitReturnWhenTheConnectionEnds) {
             }
             EXPECT_EQ(has_id ? end.deinit_result : -3, vexa_svc_deinit(id()));
             EXPECT_TRUE(!has_id || !end.says_dint || expect("DINT"));
-            manager_.set_silent(step, false);
+            manager_.set_drop(step, false);
         }
     }
 }
@@ -348,7 +348,7 @@ TEST_F(LifeTest, AMessageInHandActsInNoLaterLife) {
         {R"({"req_type":"end_session","session_id":5,"opcodes":[]})", gSessionsMutex, 2},
         {R"({"req_type":"permission_change","permission":"late","status":"1"})", gReadyMutex, 1},
     };
-    manager_.set_silent(Step::Auth, false);
+    manager_.set_drop(Step::Auth, false);
     for (const LateMessage& message : messages) {
         SCOPED_TRACE(message.text);
         Ends ends;

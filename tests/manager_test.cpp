@@ -11,6 +11,7 @@
 #include <future>
 #include <sstream>
 
+#include "manager/base/json.h"
 #include "manager/commands/commands.h"
 #include "manager/console/json_lines.h"
 #include "manager/prompt/completion.h"
@@ -535,7 +536,7 @@ TEST(JsonLines, AreValidAndKeepPacketsToTheByte) {
                                         "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"
                                         R"(\"]","hex":"5b22ffeda080225d")"},
          }) {
-        const std::string line = json_line(Packet{{}, {}, 3, Direction::ToClient, packet});
+        const std::string line = json_line(Packet{{}, {}, 3, Kind::ToClient, packet});
         EXPECT_EQ(line, R"({"time":"1970-01-01T00:00:00.000000Z","monotonic":0.000000000,)"
                         R"("event":"packet","client":3,"direction":"to_client",)" +
                             members + '}');
@@ -543,8 +544,10 @@ TEST(JsonLines, AreValidAndKeepPacketsToTheByte) {
         EXPECT_EQ(read_recording(kFile).at(0).text, packet);
     }
     const std::string nested = std::string(200, '[') + std::string(200, ']');
-    EXPECT_NE(json_line(Packet{{}, {}, 1, {}, nested}).find("\"text\":"), std::string::npos);
-    EXPECT_NE(json_line(Packet{{}, {}, 1, {}, "[1,\n2]"}).find("[1, 2]"), std::string::npos);
+    EXPECT_NE(json_line(Packet{{}, {}, 1, Kind::FromClient, nested}).find("\"text\":"),
+              std::string::npos);
+    EXPECT_NE(json_line(Packet{{}, {}, 1, Kind::FromClient, "[1,\n2]"}).find("[1, 2]"),
+              std::string::npos);
 }
 
 TEST(Services, FindWhatIsWrongWithWhatClientsSend) {
@@ -633,23 +636,22 @@ TEST(Services, FindWhatIsWrongWithWhatClientsSend) {
         }
         EXPECT_TRUE(faults.empty()) << faults.front() << " in " << packet;
         packet = text;
-        faults = services.add(
-            {{}, {}, 1, line[0] == '<' ? Direction::FromClient : Direction::ToClient, text},
-            parse_json(text));
+        faults = services.add({{}, {}, 1, line[0] == '<' ? Kind::FromClient : Kind::ToClient, text},
+                              parse_json(text));
     }
     EXPECT_TRUE(faults.empty());
 }
 
 TEST(Completion, OffersWhatMayFollow) {
     Services services;
-    const auto say = [&](Direction direction, const std::string& text) {
-        services.add({{}, {}, 1, direction, text}, parse_json(text));
+    const auto say = [&](Kind kind, const std::string& text) {
+        services.add({{}, {}, 1, kind, text}, parse_json(text));
     };
     for (const auto& [opcode, definition] : std::map<std::string, std::string>{
              {"26", kLamp}, {"43", R"({"Vexon":{"opcode":"2b","subsystems":[{"id":1}]}})"}}) {
-        say(Direction::FromClient,
+        say(Kind::FromClient,
             R"({"req_type":"AUTH","Opcode":)" + opcode + R"(,"api_def":)" + definition + "}");
-        say(Direction::ToClient, R"({"req_type":"AUTH","opcode":")" + opcode + R"(","result":0})");
+        say(Kind::ToClient, R"({"req_type":"AUTH","opcode":")" + opcode + R"(","result":0})");
     }
     for (const auto& [line, words] : std::vector<std::pair<std::string, std::string>>{
              {"re", "reading ready record refuse replay restart "},

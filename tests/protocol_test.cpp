@@ -34,7 +34,7 @@ std::string req_type(const std::string& text) {
 TEST_F(ServiceTest, TheDocumentedConversationTakesPlace) {
     for (const auto step : {manager::Step::Init, manager::Step::Auth, manager::Step::Ready,
                             manager::Step::Permission, manager::Step::Info}) {
-        manager_.set_silent(step, true);
+        manager_.set_drop(step, true);
     }
     // What a service does to have a message sent. The others are answers.
     const std::map<std::string, std::function<void()>> actions = {

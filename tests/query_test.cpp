@@ -17,8 +17,8 @@ std::string info_answer(const std::string& kind, const std::string& id, const st
 class QueryTest : public ServiceTest {
   protected:
     QueryTest() {
-        manager_.set_silent(manager::Step::Permission, true);
-        manager_.set_silent(manager::Step::Info, true);
+        manager_.set_drop(manager::Step::Permission, true);
+        manager_.set_drop(manager::Step::Info, true);
     }
 };
 

@@ -185,7 +185,7 @@ TEST_F(ServiceTest, AnAcknowledgementAnswersTheOpcodeItsTextConvertsTo) {
         {2147483648U, "80000000", "-2147483648"},
         {4294967294U, "fffffffe", "4294967294"},
     };
-    manager_.set_silent(manager::Step::Auth, true);
+    manager_.set_drop(manager::Step::Auth, true);
     ASSERT_NO_FATAL_FAILURE(init());
     for (const auto& [opcode, hexadecimal, text] : opcodes) {
         SCOPED_TRACE(text);

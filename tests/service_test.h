@@ -170,7 +170,8 @@ class ServiceTest : public ::testing::Test {
 
     // Whether a packet with exactly this text has come or comes soon.
     bool expect_exactly(const std::string& text) {
-        return expect([&](const manager::Packet& packet) { return packet.text == text; });
+        return expect(
+            manager::Matcher([&](const manager::Packet& packet) { return packet.text == text; }));
     }
 
     // Returns the calls of state callbacks but for the first `count`.

@@ -14,12 +14,6 @@
 namespace manager {
 namespace {
 
-std::string compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
 /// Reads the first of jsoncpp's complaints, as in "* Line 1, Column 5\n  Syntax error\n".
 JsonError read_error(const std::string& complaint, const std::string& text) {
     unsigned line = 1;
@@ -153,14 +147,10 @@ std::string json_text(const std::string& text) {
     return Json::writeString(builder, replace_invalid_utf8(text));
 }
 
-std::string json_string(const std::string& text) {
-    return compact(text);
-}
-
-std::string json_strings(const std::vector<std::string>& texts) {
-    Json::Value array(Json::arrayValue);
-    for (const std::string& text : texts) array.append(text);
-    return compact(array);
+std::string json_string(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
 }
 
 }  // namespace manager

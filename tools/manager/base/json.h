@@ -4,7 +4,6 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace manager {
 
@@ -35,8 +34,7 @@ bool is_strict_json(const std::string& text);
 /// The text as a JSON string in UTF-8. What is no UTF-8 is replaced by U+FFFD.
 std::string json_text(const std::string& text);
 
-/// The text as a JSON string, with its quotes, or the texts as a JSON array of strings.
-std::string json_string(const std::string& text);
-std::string json_strings(const std::vector<std::string>& texts);
+/// The value as JSON without blanks: a text with its quotes.
+std::string json_string(const Json::Value& value);
 
 }  // namespace manager

@@ -9,7 +9,7 @@
 
 #include "manager/base/json.h"
 #include "manager/console/console.h"
-#include "manager/simulation/requests.h"
+#include "manager/simulation/messages.h"
 
 namespace manager {
 namespace {
@@ -40,7 +40,7 @@ void CallStatistics::add(const Packet& packet, const Json::Value& message) {
     if (!head) return;
     const CallId id{packet.client, head->transaction};
     const std::lock_guard lock(mutex_);
-    if (packet.direction == Direction::FromClient) {
+    if (packet.kind == Kind::FromClient) {
         add_reply(id, head->status != 0, packet);
     } else {
         add_call(

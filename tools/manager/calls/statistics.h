@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "manager/calls/latencies.h"
-#include "manager/simulation/packet.h"
+#include "manager/simulation/event.h"
 
 namespace manager {
 

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "manager/base/words.h"
+#include "manager/simulation/answers.h"
 #include "manager/simulation/matcher.h"
 #include "manager/simulation/messages.h"
-#include "manager/simulation/requests.h"
 
 namespace manager {
 

@@ -35,12 +35,12 @@ std::string time_text(system_clock::time_point time) {
                        since_epoch.count() % 1000);
 }
 
-std::string arrow(Direction direction, bool coloured) {
-    const bool incoming = direction == Direction::FromClient;
-    std::string text = incoming ? "<-" : "->";
-    if (!coloured) return text;
-    return fmt::format(fg(incoming ? fmt::terminal_color::cyan : fmt::terminal_color::green), "{}",
-                       text);
+std::string description(const Event& event, bool coloured) {
+    if (!is_packet(event)) return event.kind == Kind::Connected ? "connected" : "disconnected";
+    const bool incoming = event.kind == Kind::FromClient;
+    const auto colour = incoming ? fmt::terminal_color::cyan : fmt::terminal_color::green;
+    return fmt::format(coloured ? fg(colour) : fmt::text_style(), incoming ? "<-" : "->") + ' ' +
+           one_line(event.text);
 }
 
 }  // namespace
@@ -85,32 +85,21 @@ bool shows_on_terminal() {
     return isatty(STDOUT_FILENO) != 0 && !name.empty() && name != "dumb";
 }
 
-Console::Console(bool show_packets, Format format)
-    : show_packets_(show_packets),
+Console::Console(bool show_events, Format format)
+    : show_events_(show_events),
       format_(format),
       is_terminal_(shows_on_terminal() && format == Format::Text),
       colour_output_(wants_colour(STDOUT_FILENO)),
       colour_errors_(wants_colour(STDERR_FILENO)) {}
 
-void Console::packet(const Packet& packet, bool always) {
-    if (!show_packets_ && !always) return;
+void Console::show(const Event& event, bool always) {
+    if (!show_events_ && !always) return;
     const std::lock_guard lock(mutex_);
-    if (!status_.empty()) return;
-    print(stdout,
-          format_ == Format::Json
-              ? json_line(packet)
-              : fmt::format("{} client {} {} {}", time_text(packet.wall_time), packet.client,
-                            arrow(packet.direction, colour_output_), one_line(packet.text)));
-}
-
-void Console::connection(const ConnectionChange& change) {
-    if (!show_packets_) return;
-    const std::lock_guard lock(mutex_);
-    print(stdout,
-          format_ == Format::Json
-              ? json_line(change)
-              : fmt::format("{} client {} {}", time_text(change.wall_time), change.client,
-                            change.change == Change::Connected ? "connected" : "disconnected"));
+    if (is_packet(event) && !status_.empty()) return;
+    print(stdout, format_ == Format::Json
+                      ? json_line(event)
+                      : fmt::format("{} client {} {}", time_text(event.wall_time), event.client,
+                                    description(event, colour_output_)));
 }
 
 void Console::fault(int client, const std::string& what) {

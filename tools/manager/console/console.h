@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "manager/simulation/packet.h"
+#include "manager/simulation/event.h"
 
 namespace manager {
 
@@ -27,16 +27,15 @@ enum class Format { Text, Json };
 /// Prints whole lines, and keeps what stands below them on a terminal (a prompt, a status) there.
 class Console {
   public:
-    /// `show_packets` is whether packet() and connection() print. Colours only terminals, and none
+    /// `show_events` is whether show() prints. Colours only terminals, and none
     /// if the environment has NO_COLOR.
-    explicit Console(bool show_packets, Format format = Format::Text);
+    explicit Console(bool show_events, Format format = Format::Text);
 
     Format format() const { return format_; }
 
-    /// Print to standard output; a packet is always one line. While a status is shown no packet is.
-    /// `always` shows one that would not be.
-    void packet(const Packet& packet, bool always = false);
-    void connection(const ConnectionChange& change);
+    /// Prints the event, on one line. While a status is shown no packet is. `always` prints one
+    /// that would not be.
+    void show(const Event& event, bool always = false);
 
     /// Tells of what is wrong with what a client sent.
     void fault(int client, const std::string& what);
@@ -75,7 +74,7 @@ class Console {
     void print(std::FILE* stream, const std::string& text);
     void put(std::FILE* stream, const std::string& text);
 
-    const bool show_packets_;
+    const bool show_events_;
     const Format format_;
     const bool is_terminal_;
     const bool colour_output_;

@@ -43,22 +43,12 @@ std::string content(const std::string& text) {
 
 }  // namespace
 
-std::string json_line(const Packet& packet) {
-    const bool incoming = packet.direction == Direction::FromClient;
-    return line(packet.time, packet.wall_time, "packet",
-                fmt::format(R"("client":{},"direction":"{}",{})", packet.client,
-                            incoming ? "from_client" : "to_client", content(packet.text)));
-}
-
-std::string json_line(const ConnectionChange& change) {
-    const int client = change.client;
-    if (change.change == Change::Connected) {
-        return line(change.time, change.wall_time, "connected",
-                    fmt::format(R"("client":{})", client));
-    }
-    return line(change.time, change.wall_time, "disconnected",
-                fmt::format(R"("client":{},"by":"{}")", client,
-                            change.change == Change::Left ? "client" : "manager"));
+std::string json_line(const Event& event) {
+    const KindWords& words = kKindWords.at(static_cast<std::size_t>(event.kind));
+    std::string members = fmt::format("\"client\":{}", event.client);
+    if (*words.member != '\0') members += fmt::format(R"(,"{}":"{}")", words.member, words.value);
+    if (is_packet(event)) members += ',' + content(event.text);
+    return line(event.time, event.wall_time, words.event, members);
 }
 
 std::string json_line(const std::string& event, const std::string& members) {

@@ -9,8 +9,6 @@
 namespace manager {
 namespace {
 
-using Kind = RecordedEvent::Kind;
-
 constexpr char kPage[] =
 #include "diagram_page.inc"
     ;
@@ -19,23 +17,22 @@ std::string remark(const std::vector<PicturedEvent>& events, const PicturedEvent
     if (event.role == Role::Other) return {};
     if (!event.partner) return event.role == Role::Request ? "no answer" : "no request";
     if (event.role == Role::Request) return {};
-    const auto latency = event.time - events[*event.partner].time;
+    const auto latency = event.begin - events[*event.partner].begin;
     return fmt::format("after {:.3f} ms",
                        std::chrono::duration<double, std::milli>(latency).count());
 }
 
 std::string object(const std::vector<PicturedEvent>& events, const PicturedEvent& event) {
-    const auto& [line, kind, time, wall_time, client, text] = event.event;
     return fmt::format(
         R"({{"kind":"{}","client":{},"time":{:.6f},"wall":{},"title":{},"remark":{},)"
         R"("failed":{},"partner":{},"text":{}}})",
-        !is_packet(event.event)  ? "change"
-        : kind == Kind::ToClient ? "to"
-                                 : "from",
-        client, std::chrono::duration<double>(event.time).count(), json_text(wall_time),
-        json_text(title(event)), json_text(remark(events, event)),
+        !is_packet(event)              ? "change"
+        : event.kind == Kind::ToClient ? "to"
+                                       : "from",
+        event.client, std::chrono::duration<double>(event.begin).count(),
+        json_text(event.written_time), json_text(title(event)), json_text(remark(events, event)),
         event.failed || (event.role != Role::Other && !event.partner),
-        event.partner ? std::to_string(*event.partner) : "null", json_text(text));
+        event.partner ? std::to_string(*event.partner) : "null", json_text(event.text));
 }
 
 void replace_all(std::string& text, const std::string& old, const std::string& replacement) {

@@ -11,8 +11,6 @@
 namespace manager {
 namespace {
 
-using Kind = RecordedEvent::Kind;
-
 /// How packets of a type are read: the direction of a request or notice, and the members that hold
 /// the rest. What has no answer has no id; no packet has a member without name.
 struct Form {
@@ -59,12 +57,12 @@ std::string task_id(const Json::Value& message, const PicturedEvent& task) {
     const Json::Value& transaction = member(message, "transac_id");
     const bool plain =
         transaction.isInt64() && (transaction.asInt64() & kPlainTransaction) == kPlainTransaction;
-    return plain ? kPlainId : shown(transaction, task.event.text) + ' ' + task.session;
+    return plain ? kPlainId : shown(transaction, task.text) + ' ' + task.session;
 }
 
 /// Reads the packet, and returns what a request and its answer have in common.
 std::string read_packet(PicturedEvent& packet) {
-    const std::string& text = packet.event.text;
+    const std::string& text = packet.text;
     if (text.compare(0, kPlainReply.size(), kPlainReply) == 0) {
         packet.type = kTask;
         packet.role = Role::Answer;
@@ -78,7 +76,7 @@ std::string read_packet(PicturedEvent& packet) {
                                           [&](const Form& f) { return f.type == packet.type; });
     if (form == kForms.end()) return {};
 
-    const bool asked = packet.event.kind == form->direction;
+    const bool asked = packet.kind == form->direction;
     if (form->id != nullptr) packet.role = asked ? Role::Request : Role::Answer;
     packet.session = read("session_id") + read("Session_Id");
     packet.subject = read(form->subject);
@@ -108,7 +106,7 @@ void give_up(Waiting& waiting, std::vector<PicturedEvent>& events, std::chrono::
 
 void pair(std::vector<PicturedEvent>& events, std::size_t request, std::size_t answer) {
     events[request].partner = answer;
-    events[request].end = events[answer].time;
+    events[request].end = events[answer].begin;
     events[answer].partner = request;
     events[answer].subject = events[request].subject;
 }
@@ -117,15 +115,14 @@ void pair(std::vector<PicturedEvent>& events, std::size_t request, std::size_t a
 
 std::vector<PicturedEvent> pair_up(std::vector<RecordedEvent> recorded) {
     std::map<int, Waiting> clients;
-    std::vector<PicturedEvent> events(recorded.size());
-    for (std::size_t i = 0; i < events.size(); ++i) {
-        PicturedEvent& event = events[i];
-        event.event = std::move(recorded[i]);
-        event.time = event.event.time - events[0].event.time;
-        if (i > 0) event.time = std::max(event.time, events[i - 1].time);
-        Waiting& waiting = clients[event.event.client];
-        if (!is_packet(event.event)) {
-            give_up(waiting, events, event.time);
+    std::vector<PicturedEvent> events;
+    for (std::size_t i = 0; i < recorded.size(); ++i) {
+        PicturedEvent& event = events.emplace_back(PicturedEvent{std::move(recorded[i])});
+        event.begin = event.time - events[0].time;
+        if (i > 0) event.begin = std::max(event.begin, events[i - 1].begin);
+        Waiting& waiting = clients[event.client];
+        if (!is_packet(event)) {
+            give_up(waiting, events, event.begin);
             continue;
         }
         const auto requests = waiting.try_emplace(read_packet(event)).first;
@@ -136,15 +133,15 @@ std::vector<PicturedEvent> pair_up(std::vector<RecordedEvent> recorded) {
         }
         if (requests->second.empty()) waiting.erase(requests);
     }
-    for (auto& [client, waiting] : clients) give_up(waiting, events, events.back().time);
+    for (auto& [client, waiting] : clients) give_up(waiting, events, events.back().begin);
     return events;
 }
 
 std::string title(const PicturedEvent& event) {
     static constexpr std::array kChanges{"connected", "disconnected",
                                          "disconnected by the Manager"};
-    if (!is_packet(event.event)) return kChanges.at(static_cast<std::size_t>(event.event.kind));
-    std::string text = event.type.empty() ? event.event.text : event.type;
+    if (!is_packet(event)) return kChanges.at(static_cast<std::size_t>(event.kind));
+    std::string text = event.type.empty() ? event.text : event.type;
     if (!event.subject.empty()) text += ' ' + event.subject;
     if (!event.outcome.empty()) text += (event.type == kTask ? ": status " : ": ") + event.outcome;
     return text.substr(0, 100);

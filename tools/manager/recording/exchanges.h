@@ -14,24 +14,23 @@ namespace manager {
 enum class Role { Request, Answer, Other };
 
 /// An event of a recording, and what it has to do with the others.
-struct PicturedEvent {
-    RecordedEvent event;
-    /// Since the first event, and never before that of the event above.
-    std::chrono::nanoseconds time{};
+struct PicturedEvent : RecordedEvent {
+    /// When, since the first event, and never before that of the event above.
+    std::chrono::nanoseconds begin{};
     Role role = Role::Other;
     /// The "req_type"; of a plain reply that of its task.
-    std::string type;
+    std::string type = {};
     /// What a packet is about, as the name of a function; of an answer what its request is about.
-    std::string subject;
+    std::string subject = {};
     /// What an answer says, as a status; the value of a notice.
-    std::string outcome;
+    std::string outcome = {};
     /// Whether the outcome is a refusal or an error.
     bool failed = false;
-    std::string session;
+    std::string session = {};
     /// The text of the arguments of a task, or of the services that a session is about.
-    std::string arguments;
+    std::string arguments = {};
     /// The index of the answer to this request, or of the request that this answers.
-    std::optional<std::size_t> partner;
+    std::optional<std::size_t> partner = {};
     /// When this request was answered, or when it was certain that it would not be.
     std::chrono::nanoseconds end{};
 };

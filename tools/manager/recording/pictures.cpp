@@ -18,11 +18,13 @@ Pictures::Pictures(const std::string& trace, const std::string& diagram) {
 }
 
 std::string Pictures::recording() {
-    if (!recording_)
-        recording_.reset(std::tmpfile(), [](std::FILE* file) {
-            if (file != nullptr) std::fclose(file);
-        });
-    if (!recording_) throw ManagerError(std::string("no temporary file: ") + std::strerror(errno));
+    if (!recording_) {
+        std::FILE* const file = std::tmpfile();
+        if (file == nullptr) {
+            throw ManagerError(std::string("no temporary file: ") + std::strerror(errno));
+        }
+        recording_.reset(file, std::fclose);
+    }
     return "/proc/self/fd/" + std::to_string(fileno(recording_.get()));
 }
 

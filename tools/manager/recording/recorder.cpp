@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "manager/base/error.h"
+#include "manager/console/json_lines.h"
 
 namespace manager {
 
@@ -21,6 +22,12 @@ void Recorder::stop() {
     const bool written = file_.good();
     file_.close();
     if (!written || file_.fail()) throw ManagerError("the recording " + name_ + " is not complete");
+}
+
+void Recorder::add(const Event& event) {
+    const std::lock_guard lock(mutex_);
+    // Flushed, so that a recording is of use even if the program is killed.
+    if (file_.is_open()) file_ << json_line(event) << std::endl;
 }
 
 }  // namespace manager

@@ -4,8 +4,7 @@
 #include <mutex>
 #include <string>
 
-#include "manager/console/json_lines.h"
-#include "manager/simulation/packet.h"
+#include "manager/simulation/event.h"
 
 namespace manager {
 
@@ -21,17 +20,9 @@ class Recorder {
     /// full disk.
     void stop();
 
-    void add(const Packet& packet) { write(packet); }
-    void add(const ConnectionChange& change) { write(change); }
+    void add(const Event& event);
 
   private:
-    template <typename Event>
-    void write(const Event& event) {
-        const std::lock_guard lock(mutex_);
-        // Flushed, so that a recording is of use even if the program is killed.
-        if (file_.is_open()) file_ << json_line(event) << std::endl;
-    }
-
     std::mutex mutex_;
     std::string name_;
     std::ofstream file_;

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -15,30 +14,12 @@
 #include "manager/base/error.h"
 #include "manager/base/json.h"
 #include "manager/base/words.h"
+#include "manager/console/json_lines.h"
 
 namespace manager {
 namespace {
 
-using Kind = RecordedEvent::Kind;
-
-struct KindName {
-    const char* event;
-    /// The member that tells kinds of one event apart, and what it is.
-    const char* member;
-    const char* value;
-    Kind kind;
-};
-constexpr std::array<KindName, 5> kKindNames{{
-    {"packet", "direction", "from_client", Kind::FromClient},
-    {"packet", "direction", "to_client", Kind::ToClient},
-    {"connected", "event", "connected", Kind::Connected},
-    {"disconnected", "by", "client", Kind::Left},
-    {"disconnected", "by", "manager", Kind::Closed},
-}};
-
-bool is_text(const Json::Value& value, const char* text) {
-    return value.isString() && value.asString() == text;
-}
+using Time = std::chrono::steady_clock::time_point;
 
 std::string bytes_of(const std::string& hex) {
     std::string bytes;
@@ -59,37 +40,39 @@ std::optional<std::string> packet_text(const Json::Value& event, const std::stri
 }
 
 /// Returns the other time where the event has none, or one that no clock shows.
-std::chrono::nanoseconds time_of(const Json::Value& event, std::chrono::nanoseconds other) {
+Time time_of(const Json::Value& event, Time other) {
     const Json::Value& seconds = member(event, "monotonic");
     if (!seconds.isNumeric() || std::abs(seconds.asDouble()) > 1e9) return other;
-    return std::chrono::nanoseconds(std::llround(seconds.asDouble() * 1e9));
+    return Time(std::chrono::nanoseconds(std::llround(seconds.asDouble() * 1e9)));
 }
 
 /// Returns nothing for an event that is no part of the conversation; throws BadCommand if the line
 /// is wrong.
 std::optional<RecordedEvent> read_event(std::size_t number, const std::string& line,
-                                        std::chrono::nanoseconds time_before) {
-    const auto event = parse_json(line);
-    const Json::Value& name = event ? member(*event, "event") : Json::Value::nullSingleton();
+                                        Time time_before) {
+    const Json::Value event = parse_json(line).value_or(Json::Value());
+    const Json::Value& name = member(event, "event");
     if (!name.isString()) throw BadCommand("this is no line of a recording");
-    const auto same_event = [&](const KindName& k) { return is_text(name, k.event); };
-    if (std::none_of(kKindNames.begin(), kKindNames.end(), same_event)) return std::nullopt;
-    const auto kind = std::find_if(kKindNames.begin(), kKindNames.end(), [&](const auto& k) {
-        return same_event(k) && is_text(member(*event, k.member), k.value);
-    });
-    const Json::Value& client = member(*event, "client");
-    if (kind == kKindNames.end() || !client.isInt()) {
+    bool is_known = false;
+    const auto* const words =
+        std::find_if(kKindWords.begin(), kKindWords.end(), [&](const KindWords& w) {
+            is_known = is_known || name == w.event;
+            return name == w.event && (*w.member == '\0' || member(event, w.member) == w.value);
+        });
+    if (!is_known) return std::nullopt;
+    const Json::Value& client = member(event, "client");
+    if (words == kKindWords.end() || !client.isInt()) {
         throw BadCommand("\"client\", \"direction\" or \"by\" is missing or wrong");
     }
-    const Json::Value& wall_time = member(*event, "time");
-    RecordedEvent recorded{number,
-                           kind->kind,
-                           time_of(*event, time_before),
-                           wall_time.isString() ? wall_time.asString() : "",
-                           client.asInt(),
-                           {}};
+    const Json::Value& time = member(event, "time");
+    RecordedEvent recorded{{time_of(event, time_before),
+                            {},
+                            client.asInt(),
+                            static_cast<Kind>(words - kKindWords.begin())},
+                           number,
+                           time.isString() ? time.asString() : ""};
     if (!is_packet(recorded)) return recorded;
-    auto text = packet_text(*event, line);
+    auto text = packet_text(event, line);
     if (!text) throw BadCommand("the packet has no \"message\" and no \"text\"");
     recorded.text = std::move(*text);
     return recorded;
@@ -105,22 +88,14 @@ void leave_out_silent_clients(std::vector<RecordedEvent>& events) {
                  events.end());
 }
 
-void leave_out_last_closes(std::vector<RecordedEvent>& events) {
-    while (!events.empty() && events.back().kind == Kind::Closed) events.pop_back();
-}
-
 }  // namespace
-
-bool is_packet(const RecordedEvent& event) {
-    return event.kind == Kind::FromClient || event.kind == Kind::ToClient;
-}
 
 std::vector<RecordedEvent> read_events(const std::string& file,
                                        const std::function<void(const std::string&)>& wrong) {
     std::ifstream input(file, std::ios::binary);
     if (!input.is_open()) throw ManagerError("cannot read " + file + ": " + std::strerror(errno));
     std::vector<RecordedEvent> events;
-    std::chrono::nanoseconds time{};
+    Time time{};
     std::string line;
     for (std::size_t number = 1; std::getline(input, line); ++number) {
         try {
@@ -139,7 +114,7 @@ std::vector<RecordedEvent> read_events(const std::string& file,
 std::vector<RecordedEvent> read_recording(const std::string& file) {
     auto events =
         read_events(file, [](const std::string& message) { throw ManagerError(message); });
-    leave_out_last_closes(events);
+    while (!events.empty() && events.back().kind == Kind::Closed) events.pop_back();
     if (events.empty()) throw ManagerError(file + " is no recording: it holds no packet");
     return events;
 }

@@ -1,32 +1,22 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "manager/simulation/event.h"
+
 namespace manager {
 
-/// One event of a recorded conversation.
-struct RecordedEvent {
-    enum class Kind { Connected, Left, Closed, FromClient, ToClient };
-
+/// An event of a recorded conversation. Its time is that of the event before if the line has none;
+/// the client has the number that it had then.
+struct RecordedEvent : Event {
     /// The number of its line, from 1.
     std::size_t line;
-    Kind kind;
-    /// On a clock that is never set; that of the event before if the line has none.
-    std::chrono::nanoseconds time;
     /// In UTC, as it is written.
-    std::string wall_time;
-    /// The number the client had then.
-    int client;
-    /// Of a packet.
-    std::string text;
+    std::string written_time;
 };
-
-/// Whether the event is a packet, not a change of a connection.
-bool is_packet(const RecordedEvent& event);
 
 /// Reads a file that the recorder wrote, or what the program printed as JSON: lines of events that
 /// are no part of the conversation are passed over. Left out are clients that exchanged no packet.

@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
+#include <list>
 #include <map>
 #include <set>
 #include <string>
@@ -9,7 +11,6 @@
 #include <vector>
 
 #include "manager/recording/context.h"
-#include "manager/recording/likeness.h"
 #include "manager/recording/recording.h"
 
 namespace manager {
@@ -17,8 +18,9 @@ namespace manager {
 struct ReplayOptions {
     /// How long to wait for each packet, connection and end of a connection.
     std::chrono::milliseconds timeout = std::chrono::seconds(5);
-    /// The names of the members that need not be the same.
-    std::set<std::string> ignored = varying_members();
+    /// The names of the members that need not be the same, at any depth: at first those that differ
+    /// from one run to the next.
+    std::set<std::string> ignored{"Service_Id", "service_id", "QueryId"};
 };
 
 /// Plays the Manager's side of a recorded conversation. While the object lives, the Manager answers
@@ -43,9 +45,7 @@ class Replay {
     void run();
 
   private:
-    using Kind = RecordedEvent::Kind;
     struct Client {
-        int number;
         bool connected = true;
         /// What came from it and has not been found in the recording yet.
         std::deque<std::string> packets = {};
@@ -55,21 +55,15 @@ class Replay {
     void connect(const RecordedEvent& event);
     void receive(const RecordedEvent& event);
     void send(const RecordedEvent& event);
-    void await_end(const RecordedEvent& event);
-    bool take_same(Client& client, const RecordedEvent& event);
+    bool take_same(std::deque<std::string>& packets, const RecordedEvent& event);
     std::string missing(const Client& client, const RecordedEvent& event) const;
-    void remember_query(const RecordedEvent& event, const std::string& came);
 
     /// Waits until `done()`, or throws CommandFailed with what `complaint()` returns.
-    template <typename Done, typename Complaint>
-    void await(const RecordedEvent& event, Done done, Complaint complaint);
-    void note_all();
-    void note(const EventQueue::Event& event);
-    void note(const Packet& packet);
-    void note(const ConnectionChange& change);
-    Client& client_of(const RecordedEvent& event);
-    void forget_newcomer(int number);
-    Client* find(int number);
+    void await(const RecordedEvent& event, const std::function<bool()>& done,
+               const std::function<std::string()>& complaint);
+    bool note_next(std::chrono::milliseconds timeout);
+    int number_of(const RecordedEvent& event);
+    Client& client_of(const RecordedEvent& event) { return clients_.at(number_of(event)); }
     void require_nothing_left();
     [[noreturn]] void fail(const RecordedEvent& event, const std::string& reason) const;
 
@@ -79,8 +73,8 @@ class Replay {
     const std::vector<RecordedEvent> events_;
     /// The clients that nobody in the recording stands for yet, in the order they connected: those
     /// from before the replay, and the others.
-    std::deque<int> present_;
-    std::deque<int> newcomers_;
+    std::list<int> present_;
+    std::list<int> newcomers_;
     std::map<int, Client> clients_;
     /// Who in the recording is which client.
     std::map<int, int> numbers_;

@@ -46,8 +46,8 @@ struct Session {
     Indices requests;
 };
 
-bool is_asked_by(const PicturedEvent& event, RecordedEvent::Kind direction) {
-    return event.role == Role::Request && event.event.kind == direction;
+bool is_asked_by(const PicturedEvent& event, Kind direction) {
+    return event.role == Role::Request && event.kind == direction;
 }
 
 /// Whether the answer says that its session is over.
@@ -68,21 +68,21 @@ std::vector<Session> find_sessions(const Events& events, const Indices& indices)
     };
     for (const std::size_t i : indices) {
         const PicturedEvent& event = events[i];
-        if (!is_packet(event.event)) close_all(event.time);
+        if (!is_packet(event)) close_all(event.begin);
         auto of_event = open.find(event.session);
-        if (is_asked_by(event, RecordedEvent::Kind::ToClient)) {
+        if (is_asked_by(event, Kind::ToClient)) {
             if (of_event == open.end()) {
                 of_event = open.emplace(event.session, sessions.size()).first;
-                sessions.push_back({"session " + event.session, event.time, {}, {}});
+                sessions.push_back({"session " + event.session, event.begin, {}, {}});
             }
             sessions[of_event->second].requests.push_back(i);
         } else if (of_event != open.end() &&
                    ends_session(event, events, sessions[of_event->second])) {
-            sessions[of_event->second].end = event.time;
+            sessions[of_event->second].end = event.begin;
             open.erase(of_event);
         }
     }
-    close_all(events.back().time);
+    close_all(events.back().begin);
     for (Session& session : sessions) {
         for (const std::size_t i : session.requests) {
             if (events[i].partner) session.end = std::max(session.end, events[i].end);
@@ -101,7 +101,7 @@ class Trace {
         Indices all(events_.size());
         for (std::size_t i = 0; i < events_.size(); ++i) {
             all[i] = i;
-            clients[events_[i].event.client].push_back(i);
+            clients[events_[i].client].push_back(i);
         }
         int process = kManagerProcess;
         for (const auto& [client, indices] : clients) {
@@ -133,8 +133,8 @@ class Trace {
         for (const std::size_t i : indices) {
             const PicturedEvent& event = events_[i];
             if (event.role == Role::Request || event.partner) continue;
-            add('i', track, event.time, title(event),
-                R"("s":"t","args":{"packet":)" + json_value(event.event.text) + '}');
+            add('i', track, event.begin, title(event),
+                R"("s":"t","args":{"packet":)" + json_value(event.text) + '}');
         }
     }
 
@@ -143,10 +143,10 @@ class Trace {
         std::vector<Track> tracks;
         for (const std::size_t i : indices) {
             const PicturedEvent& request = events_[i];
-            if (!is_asked_by(request, RecordedEvent::Kind::FromClient)) continue;
-            const Track track = take(tracks, process, "requests", request.time, request.end);
+            if (!is_asked_by(request, Kind::FromClient)) continue;
+            const Track track = take(tracks, process, "requests", request.begin, request.end);
             draw_request(track, request, request.end);
-            add(flow, track, request.time, request.type,
+            add(flow, track, request.begin, request.type,
                 fmt::format(R"("cat":"request","id":{},"bp":"e")", i));
         }
     }
@@ -155,7 +155,7 @@ class Trace {
         std::vector<Track> own;
         for (const std::size_t i : session.requests) {
             const PicturedEvent& request = events_[i];
-            Track* track = find_free(own, request.time);
+            Track* track = find_free(own, request.begin);
             if (track == nullptr) {
                 track = &own.emplace_back(
                     take(tracks, process, "sessions", session.begin, session.end));
@@ -168,14 +168,14 @@ class Trace {
 
     void draw_request(const Track& track, const PicturedEvent& request, Time end) {
         const bool task = request.type == "exec_task";
-        std::string args = "\"request\":" + json_value(request.event.text);
+        std::string args = "\"request\":" + json_value(request.text);
         if (task) args += ",\"arguments\":" + json_value(request.arguments);
         if (request.partner) {
             const PicturedEvent& answer = events_[*request.partner];
             if (task) args += ",\"status\":" + json_text(answer.outcome);
-            args += ",\"answer\":" + json_value(answer.event.text);
+            args += ",\"answer\":" + json_value(answer.text);
         }
-        add_slice(track, request.time, end, task ? request.subject : title(request),
+        add_slice(track, request.begin, end, task ? request.subject : title(request),
                   "\"cat\":\"" + request.type + "\",\"args\":{" + args + '}');
     }
 

@@ -5,26 +5,18 @@
 namespace manager {
 
 void Traffic::follow(SimulatedManager& manager, Console& console) {
-    manager.set_observer(
-        [this, &console](const Packet& packet) {
-            const auto message = parse_json(packet.text);
-            show(packet, message, console);
-            recorder.add(packet);
-            pictured.add(packet);
-            events.add(packet);
-            if (message) calls.add(packet, *message);
-            for (const std::string& fault : services.add(packet, message)) {
-                console.fault(packet.client, fault);
-                ++faults;
-            }
-        },
-        [this, &console](const ConnectionChange& change) {
-            console.connection(change);
-            recorder.add(change);
-            pictured.add(change);
-            events.add(change);
-            services.add(change);
-        });
+    manager.set_observer([this, &console](const Event& event) {
+        const auto message = parse_json(event.text);
+        show(event, message, console);
+        recorder.add(event);
+        pictured.add(event);
+        if (events) events->push_back(event);
+        if (message) calls.add(event, *message);
+        for (const std::string& fault : services.add(event, message)) {
+            console.fault(event.client, fault);
+            ++faults;
+        }
+    });
 }
 
 void Traffic::watch(std::optional<Filter> filter) {
@@ -32,18 +24,18 @@ void Traffic::watch(std::optional<Filter> filter) {
     filter_ = std::move(filter);
 }
 
-void Traffic::show(const Packet& packet, const std::optional<Json::Value>& message,
+void Traffic::show(const Event& event, const std::optional<Json::Value>& message,
                    Console& console) {
     const std::lock_guard lock(mutex_);
-    if (!filter_) return console.packet(packet);
+    if (!filter_ || !is_packet(event)) return console.show(event);
     const Json::Value type = message ? member(*message, "req_type") : Json::Value();
     if (!filter_->type.empty() && type != filter_->type) return;
-    if (filter_->client && filter_->client != packet.client) return;
+    if (filter_->client && filter_->client != event.client) return;
     if (!filter_->service.empty()) {
         const auto service = services.find(filter_->service);
-        if (!service || service->client != packet.client) return;
+        if (!service || service->client != event.client) return;
     }
-    console.packet(packet, true);
+    console.show(event, true);
 }
 
 }  // namespace manager

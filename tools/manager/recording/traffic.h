@@ -1,10 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <deque>
 
 #include "manager/calls/statistics.h"
 #include "manager/console/console.h"
-#include "manager/recording/event_queue.h"
 #include "manager/recording/recorder.h"
 #include "manager/services/services.h"
 #include "manager/simulation/Manager.h"
@@ -17,7 +17,8 @@ struct Traffic {
     /// Records for pictures, whatever the commands record.
     Recorder pictured;
     CallStatistics calls;
-    EventQueue events;
+    /// What has happened since a replay began to follow. The lock of the Manager guards it.
+    std::optional<std::deque<Event>> events;
     Services services;
     /// How many faults of services there were.
     std::atomic<std::size_t> faults{0};
@@ -37,7 +38,7 @@ struct Traffic {
     void follow(SimulatedManager& manager, Console& console);
 
   private:
-    void show(const Packet& packet, const std::optional<Json::Value>& message, Console& console);
+    void show(const Event& event, const std::optional<Json::Value>& message, Console& console);
 
     std::mutex mutex_;
     std::optional<Filter> filter_;

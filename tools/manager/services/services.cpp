@@ -42,7 +42,7 @@ std::string Service::name() const {
     return definition.name.empty() ? opcode_text(opcode) : definition.name;
 }
 
-Services::Handler Services::handler(const std::string& type, Direction direction) {
+Services::Handler Services::handler(const std::string& type, Kind kind) {
     struct Entry {
         const char* type;
         Handler from_client;
@@ -60,25 +60,26 @@ Services::Handler Services::handler(const std::string& type, Direction direction
         {"INFO_QUERY", &Services::query, nullptr},
         {"INFO_MNTR", &Services::query, nullptr},
     }};
-    if (type == "DINT" && direction == Direction::FromClient) return &Services::leave;
+    if (type == "DINT" && kind == Kind::FromClient) return &Services::leave;
     const auto* const entry = std::find_if(kEntries.begin(), kEntries.end(),
                                            [&](const Entry& e) { return type == e.type; });
     if (entry == kEntries.end()) return nullptr;
-    return direction == Direction::FromClient ? entry->from_client : entry->to_client;
+    return kind == Kind::FromClient ? entry->from_client : entry->to_client;
 }
 
-std::vector<std::string> Services::add(const Packet& packet,
+std::vector<std::string> Services::add(const Event& event,
                                        const std::optional<Json::Value>& message) {
     const std::lock_guard lock(mutex_);
     faults_.clear();
-    const bool incoming = packet.direction == Direction::FromClient;
+    if (event.kind == Kind::Left || event.kind == Kind::Closed) forget(event.client);
+    const bool incoming = event.kind == Kind::FromClient;
     if (!message) {
-        if (incoming) check_text(packet.client, packet.text);
+        if (incoming) check_text(event.client, event.text);
         return std::move(faults_);
     }
     const std::string type = text_of(member(*message, "req_type"));
-    if (const Handler handle = handler(type, packet.direction)) {
-        (this->*handle)(packet.client, *message);
+    if (const Handler handle = handler(type, event.kind)) {
+        (this->*handle)(event.client, *message);
     } else if (incoming) {
         complain(fmt::format("there is no \"req_type\" \"{}\"", type));
     }
@@ -180,11 +181,6 @@ void Services::accept_ready(int client, const Json::Value& message) {
 
 void Services::leave(int client, const Json::Value&) {
     forget(client);
-}
-
-void Services::add(const ConnectionChange& change) {
-    const std::lock_guard lock(mutex_);
-    if (change.change != Change::Connected) forget(change.client);
 }
 
 void Services::forget(int client) {

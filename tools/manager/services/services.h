@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "manager/services/definition.h"
-#include "manager/simulation/packet.h"
+#include "manager/simulation/event.h"
 
 namespace manager {
 
@@ -32,10 +32,9 @@ enum class SessionState { Unknown, Starting, Refused, Started, Ready };
 /// Follows the conversation. Thread-safety: every member may be called from any thread.
 class Services {
   public:
-    /// Takes note of a packet, which is `message` if it is JSON, and returns what is wrong with it,
-    /// if it comes from a client.
-    std::vector<std::string> add(const Packet& packet, const std::optional<Json::Value>& message);
-    void add(const ConnectionChange& change);
+    /// Takes note of an event, a packet being `message` if it is JSON, and returns what is wrong
+    /// with a packet of a client.
+    std::vector<std::string> add(const Event& event, const std::optional<Json::Value>& message);
 
     /// The services that are registered, by opcode.
     std::vector<Service> list() const;
@@ -59,7 +58,7 @@ class Services {
     };
     using Key = std::pair<int, std::int64_t>;
     using Handler = void (Services::*)(int client, const Json::Value& message);
-    static Handler handler(const std::string& type, Direction direction);
+    static Handler handler(const std::string& type, Kind kind);
 
     void ask_id(int client, const Json::Value& message);
     void give_id(int client, const Json::Value& message);

@@ -3,7 +3,7 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
-#include <utility>
+#include <iterator>
 
 #include "manager/base/durations.h"
 
@@ -23,7 +23,7 @@ void SimulatedManager::start(std::int64_t last_service) {
     {
         const Lock lock(mutex_);
         running_ = true;
-        answers_.count_services_from(last_service);
+        count_services_from(last_service);
     }
     thread_ = std::thread([this] { serve(); });
 }
@@ -44,15 +44,14 @@ void SimulatedManager::stop(Ending ending) {
     listener_ = ListeningSocket();
 }
 
-void SimulatedManager::set_observer(PacketObserver on_packet, ConnectionObserver on_connection) {
+void SimulatedManager::set_observer(Observer observer) {
     const Lock lock(mutex_);
-    on_packet_ = std::move(on_packet);
-    on_connection_ = std::move(on_connection);
+    observer_ = std::move(observer);
 }
 
 void SimulatedManager::send(int number, const std::string& text) {
     const Lock lock(mutex_);
-    ConnectedClient* const client = find_client(number);
+    Client* const client = find_client(number);
     if (client == nullptr) {
         throw ManagerError("client " + std::to_string(number) + " is not connected");
     }
@@ -62,7 +61,7 @@ void SimulatedManager::send(int number, const std::string& text) {
 std::size_t SimulatedManager::send_to_all(const std::string& text) {
     const Lock lock(mutex_);
     std::size_t count = 0;
-    for (ConnectedClient& client : clients_) {
+    for (Client& client : clients_) {
         if (client.closing) continue;
         deliver(client, text);
         ++count;
@@ -76,10 +75,8 @@ void SimulatedManager::send_for_opcode(Opcode opcode, const std::string& text) {
 }
 
 void SimulatedManager::begin_to_close(Ending ending) {
-    for (ConnectedClient& client : clients_) {
-        if (client.closing) continue;
-        client.closing = true;
-        client.ending = ending;
+    for (Client& client : clients_) {
+        if (!client.closing) client.closing = ending;
     }
 }
 
@@ -97,8 +94,15 @@ void SimulatedManager::set_reading(bool reading) {
     wake_thread();
 }
 
-template <typename Done>
-bool SimulatedManager::wait(Lock& lock, Timeout timeout, Done done) {
+void SimulatedManager::set_answering(
+    bool answering, const std::function<void(const std::vector<int>& clients)>& at_once) {
+    const Lock lock(mutex_);
+    answering_ = answering;
+    if (!answering) delayed_.clear();
+    at_once(client_numbers());
+}
+
+bool SimulatedManager::wait(Lock& lock, Timeout timeout, const std::function<bool()>& done) {
     bool reached = false;
     changed_.wait_until(lock, Clock::now() + std::min(timeout, kMaxDuration), [&] {
         reached = done();
@@ -110,10 +114,17 @@ bool SimulatedManager::wait(Lock& lock, Timeout timeout, Done done) {
 std::optional<Packet> SimulatedManager::expect(const Matcher& matcher, Timeout timeout) {
     Lock lock(mutex_);
     std::optional<Packet> found;
+    // Each packet is looked at once.
     std::size_t next = 0;
     wait(lock, timeout, [&] {
-        found = log_.take(matcher, next);
-        return found.has_value();
+        for (next = std::max({next, cursor_, first_}); next < first_ + log_.size(); ++next) {
+            const Packet& packet = log_[next - first_];
+            if (packet.kind != Kind::FromClient || !matcher(packet)) continue;
+            cursor_ = next + 1;
+            found = packet;
+            return true;
+        }
+        return false;
     });
     return found;
 }
@@ -126,10 +137,9 @@ bool SimulatedManager::wait_for_clients(std::size_t count, Timeout timeout) {
 bool SimulatedManager::wait_for_disconnect(int client, Timeout timeout) {
     Lock lock(mutex_);
     return wait(lock, timeout, [&] {
-        const bool connected =
-            std::any_of(clients_.begin(), clients_.end(),
-                        [&](const ConnectedClient& c) { return c.number == client; });
-        return client <= last_client_ && !connected;
+        const auto connected = client_numbers();
+        return client <= last_client_ &&
+               std::find(connected.begin(), connected.end(), client) == connected.end();
     });
 }
 
@@ -151,34 +161,47 @@ std::vector<int> SimulatedManager::clients() const {
 
 std::vector<int> SimulatedManager::client_numbers() const {
     std::vector<int> numbers;
-    for (const ConnectedClient& client : clients_) numbers.push_back(client.number);
+    for (const Client& client : clients_) numbers.push_back(client.number);
     return numbers;
 }
 
 std::vector<Packet> SimulatedManager::log() const {
     const Lock lock(mutex_);
-    return log_.all();
+    return {log_.begin(), log_.end()};
 }
 
 std::vector<Packet> SimulatedManager::received() const {
     const Lock lock(mutex_);
-    return log_.received();
+    return received_since(first_);
 }
 
 std::vector<Packet> SimulatedManager::unexpected() const {
     const Lock lock(mutex_);
-    return log_.untaken();
+    return received_since(std::max(cursor_, first_));
+}
+
+std::vector<Packet> SimulatedManager::received_since(std::size_t position) const {
+    std::vector<Packet> packets;
+    std::copy_if(log_.begin() + static_cast<std::ptrdiff_t>(position - first_), log_.end(),
+                 std::back_inserter(packets),
+                 [](const Packet& packet) { return packet.kind == Kind::FromClient; });
+    return packets;
 }
 
 std::optional<Reply> SimulatedManager::await_reply(std::optional<std::int64_t> transaction,
                                                    Timeout timeout) {
     Lock lock(mutex_);
-    std::optional<Reply> reply;
+    std::optional<Reply> taken;
     wait(lock, timeout, [&] {
-        reply = replies_.take(transaction);
-        return reply.has_value();
+        const auto reply = std::find_if(replies_.begin(), replies_.end(), [&](const Reply& r) {
+            return r.transaction == transaction.value_or(r.transaction);
+        });
+        if (reply == replies_.end()) return false;
+        taken = std::move(*reply);
+        replies_.erase(reply);
+        return true;
     });
-    return reply;
+    return taken;
 }
 
 }  // namespace manager

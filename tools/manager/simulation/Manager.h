@@ -8,45 +8,58 @@
 
 #include <poll.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "manager/base/durations.h"
 #include "manager/base/error.h"
 #include "manager/base/file_descriptor.h"
 #include "manager/simulation/answers.h"
-#include "manager/simulation/connected_client.h"
-#include "manager/simulation/delayed_answers.h"
 #include "manager/simulation/listening_socket.h"
 #include "manager/simulation/matcher.h"
 #include "manager/simulation/messages.h"
-#include "manager/simulation/opcode_routes.h"
-#include "manager/simulation/packet_log.h"
-#include "manager/simulation/replies.h"
-#include "manager/simulation/requests.h"
 
 namespace manager {
 
 constexpr char kDefaultPath[] = "/dev/socket/vexa";
 constexpr char kDedicatedPath[] = "/dev/socket/vexon_one/vexa_one";
 
+/// How the Manager ends connections.
+enum class Ending {
+    /// Everything that clients sent is received first, so that they see an end of the connection.
+    Orderly,
+    /// As by a Manager that dies: what clients sent last may be left unread. A client of which a
+    /// packet is, or that was not accepted yet, sees a reset; any other sees an end.
+    Abrupt,
+};
+
+/// The reply of a client to a task.
+struct Reply {
+    std::int64_t transaction;
+    /// The reply's "status", absent if it has no integer there.
+    std::optional<std::int64_t> status;
+    /// From the call of exec_task() until the packet was received.
+    std::chrono::nanoseconds latency;
+    Packet packet;
+};
+
 /// Listens at a path, answers the requests of the clients that connect, sends them packets and
 /// keeps a log of every packet.
-class SimulatedManager {
+class SimulatedManager : public Answers {
   public:
-    using PacketObserver = std::function<void(const Packet&)>;
-    using ConnectionObserver = std::function<void(const ConnectionChange&)>;
+    using Observer = std::function<void(const Event&)>;
     /// How long a call waits at most; counted on the monotonic clock, up to 24 hours.
     using Timeout = std::chrono::milliseconds;
 
@@ -67,10 +80,9 @@ class SimulatedManager {
     /// calls, which report that nothing came; nothing if not running. Waits for the thread to end.
     void stop(Ending ending = Ending::Orderly);
 
-    /// Has the observers called, in the order of the log, with each packet and with each client
-    /// that connects or is disconnected. They run on the thread that received or sent, one at a
-    /// time, and must not call the Manager. Replaces earlier observers; an empty one is none.
-    void set_observer(PacketObserver on_packet, ConnectionObserver on_connection = {});
+    /// Has the observer called with each event, in the order of the log. It runs on the thread that
+    /// received or sent, one at a time, and must not call the Manager. Replaces an earlier one.
+    void set_observer(Observer observer);
 
     /// Sends a packet to one client, to each client (returns how many these are), or to the client
     /// that authenticated the opcode last. Does not block: what a slow client has no room for yet
@@ -89,42 +101,11 @@ class SimulatedManager {
     /// receives what has come.
     void set_reading(bool reading);
 
-    // How the Manager answers by itself. At first it accepts everything at once, grants no
-    // permission and knows no information. An answer is made up when its request comes.
-
-    /// Refuses or accepts requests of a step from now on: for the opcode, or for all opcodes if
-    /// none is given. Only Auth and Ready have opcodes. The refusal of an Info is "ERROR:refused"
-    /// for each name, the others are a -1.
-    void refuse(Step step, std::optional<Opcode> opcode = {}) { rules()->refuse(step, opcode); }
-    void accept(Step step, std::optional<Opcode> opcode = {}) { rules()->accept(step, opcode); }
-
-    /// Sends answers of the step that much later, up to 24 hours, unless their client has gone by
-    /// then or the Manager stopped. They hold up nothing else.
-    void set_delay(Step step, std::chrono::milliseconds delay) {
-        rules()->set_delay(step, std::min(delay, kMaxDuration));
-    }
-
-    /// Whether requests of the step get no answer at all, unless by send(); two names of one rule.
-    void set_drop(Step step, bool drop) { rules()->set_drop(step, drop); }
-    void set_silent(Step step, bool silent) { set_drop(step, silent); }
-
-    /// Whether each answer of the step is sent twice.
-    void set_twice(Step step, bool twice) { rules()->set_twice(step, twice); }
-
-    /// Whether requests are answered at all, as they are at first. `at_once`, if it is not empty,
-    /// is called between two packets, at the moment of the change, with the connected clients; it
-    /// must not call the Manager.
+    /// Whether requests are answered at all, as they are at first. `at_once` is called between two
+    /// packets, at the moment of the change, with the connected clients; it must not call the
+    /// Manager.
     void set_answering(bool answering,
-                       const std::function<void(const std::vector<int>& clients)>& at_once = {});
-
-    void grant(const std::string& permission) { rules()->grant(permission); }
-    void deny(const std::string& permission) { rules()->deny(permission); }
-
-    /// Sets the result of a piece of information, as in "SUCCESS:87". One that was never set gives
-    /// "ERROR:unknown".
-    void set_info(const std::string& name, const std::string& text) {
-        rules()->set_info(name, text);
-    }
+                       const std::function<void(const std::vector<int>& clients)>& at_once);
 
     /// Waits for the next packet from a client that `matcher` matches, counting from the one that
     /// the last successful expect() returned, whether it has come already or is still to come.
@@ -174,43 +155,47 @@ class SimulatedManager {
   private:
     using Clock = std::chrono::steady_clock;
     using Lock = std::unique_lock<std::mutex>;
-    using TargetsByClient = std::map<int, std::vector<Target>>;
 
-    /// The rules of the answers, with the lock held.
-    struct LockedRules {
-        Answers* operator->() const { return answers; }
-        Lock lock;
-        Answers* answers;
+    struct Client {
+        int number;
+        FileDescriptor connection;
+        std::size_t max_packet_size;
+        /// The packets that the connection had no room for yet.
+        std::deque<std::string> unsent = {};
+        /// The sessions that were started for it.
+        std::set<std::int64_t> sessions = {};
+        /// How it is being closed, if it is.
+        std::optional<Ending> closing = {};
+        /// Whether it ended the connection itself.
+        bool left = false;
     };
-    LockedRules rules() { return {Lock(mutex_), &answers_}; }
+    using TargetsByClient = std::map<int, std::vector<Target>>;
 
     // Run on the Manager's thread.
     void serve();
     bool handle_events(const std::vector<pollfd>& events);
     void accept_clients();
-    bool receive_from(ConnectedClient& client);
+    bool receive_from(Client& client);
     void remove_closing_clients();
     void disconnect_all();
 
     // The caller of all below holds the lock.
-    std::vector<pollfd> poll_set() const;
     std::vector<int> client_numbers() const;
+    std::vector<Packet> received_since(std::size_t position) const;
+    std::vector<pollfd> poll_set() const;
+    int poll_timeout() const;
     void begin_to_close(Ending ending);
-    ConnectedClient* find_client(int number);
-    ConnectedClient& client_for(Opcode opcode);
+    Client* find_client(int number);
+    Client& client_for(Opcode opcode);
     TargetsByClient by_client(const std::vector<Target>& targets);
     TargetsByClient participants(std::int64_t session) const;
-    void deliver(ConnectedClient& client, const std::string& text);
-    void enqueue(ConnectedClient& client, const std::string& text);
-    void flush(ConnectedClient& client);
-    const Packet& record(const ConnectedClient& client, Direction direction,
-                         const std::string& text);
-    void notify(int client, Change change);
-    void handle(ConnectedClient& client, const Packet& packet);
-    void answer(ConnectedClient& client, const Request& request);
+    void deliver(Client& client, const std::string& text);
+    void enqueue(Client& client, const std::string& text);
+    void flush(Client& client);
+    void note(int client, Kind kind, const std::string& text = {});
+    void handle(Client& client, const Packet& packet);
     void send_due_answers();
-    template <typename Done>
-    bool wait(Lock& lock, Timeout timeout, Done done);
+    bool wait(Lock& lock, Timeout timeout, const std::function<bool()>& done);
     void wake_thread() const;
 
     const std::string path_;
@@ -229,17 +214,23 @@ class SimulatedManager {
     Ending ending_ = Ending::Orderly;
     bool reading_ = true;
     bool waiting_ = true;
+    Observer observer_;
     /// Only the Manager's thread adds and removes elements.
-    std::list<ConnectedClient> clients_;
+    std::list<Client> clients_;
     int last_client_ = 0;
-    PacketLog log_;
-    bool answering_ = true;
-    Answers answers_;
-    DelayedAnswers delayed_;
-    OpcodeRoutes routes_;
-    PacketObserver on_packet_;
-    ConnectionObserver on_connection_;
-    Replies replies_;
+    /// Which client has authenticated which opcode, the newest first.
+    std::list<std::pair<Opcode, Client*>> routes_;
+    /// The answers that go out later than at once, and to which client.
+    std::multimap<Clock::time_point, std::pair<int, std::string>> delayed_;
+    /// When each task that has no reply yet was sent.
+    std::map<std::int64_t, Clock::time_point> pending_;
+    std::deque<Reply> replies_;
+    std::deque<Packet> log_;
+    std::size_t log_bytes_ = 0;
+    /// Positions count every packet ever logged: that of the first in the log, and that behind the
+    /// packet that expect() returned last.
+    std::size_t first_ = 0;
+    std::size_t cursor_ = 0;
 };
 
 }  // namespace manager

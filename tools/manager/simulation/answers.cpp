@@ -1,75 +1,115 @@
 #include "manager/simulation/answers.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "manager/base/durations.h"
+#include "manager/base/json.h"
+
 namespace manager {
-namespace {
 
-constexpr int kRefused = -1;
-constexpr char kRefusedInfo[] = "ERROR:refused";
-constexpr char kUnknownInfo[] = "ERROR:unknown";
+struct Answers::RequestType {
+    const char* req_type;
+    Step step;
+    /// The members with the number that the answer repeats, and with the names that are asked for.
+    const char* id = "";
+    const char* names = "";
 
-/// An answer names the opcode or the query that it answers.
-bool is_answerable(const Request& request) {
-    const bool is_query = request.step == Step::Permission || request.step == Step::Info;
-    if (is_query) return request.query.has_value();
-    return request.step == Step::Init || request.opcode.has_value();
+    bool is_query() const { return *names != '\0'; }
+};
+
+void Answers::set_delay(Step step, std::chrono::milliseconds delay) {
+    rule(step).delay = std::min(delay, kMaxDuration);
 }
 
-}  // namespace
-
-void Answers::Rule::set(bool refused, std::optional<Opcode> opcode) {
+void Answers::set_refused(Step step, std::optional<Opcode> opcode, bool refused) {
+    const std::lock_guard lock(mutex_);
+    Rule& changed = rule(step);
     if (!opcode) {
-        refuse_all = refused;
-        exceptions.clear();
-    } else if (refused == refuse_all) {
-        exceptions.erase(*opcode);
+        changed.refuse_all = refused;
+        changed.exceptions.clear();
+    } else if (refused == changed.refuse_all) {
+        changed.exceptions.erase(*opcode);
     } else {
-        exceptions.insert(*opcode);
+        changed.exceptions.insert(*opcode);
     }
 }
 
-bool Answers::refuses(const Request& request) const {
-    if (!request.fault.empty()) return true;
-    const Rule& found = rule(request.step);
-    const bool is_exception = request.opcode && found.exceptions.count(*request.opcode) != 0;
-    return found.refuse_all != is_exception;
+void Answers::set_result(Step step, const std::string& name, const std::string& text) {
+    const std::lock_guard lock(mutex_);
+    results_[{step, name}] = text;
 }
 
-std::optional<Answer> Answers::answer(const Request& request) {
-    const Rule& found = rule(request.step);
-    if (found.drop || !is_answerable(request)) return std::nullopt;
-    return Answer{text(request), found.delay, found.twice ? 2 : 1};
+Answers::Answer Answers::answer_to(const Json::Value& message, const std::string& fault) {
+    static constexpr std::array<RequestType, 6> kTypes{{
+        {"INIT", Step::Init},
+        {"AUTH", Step::Auth, "Opcode"},
+        {"REDY", Step::Ready, "Opcode"},
+        {"PERMISSION", Step::Permission, "QueryId", "Permissions"},
+        {"INFO_QUERY", Step::Info, "QueryId", "QueryInfos"},
+        {"INFO_MNTR", Step::Info, "QueryId", "QueryInfos"},
+    }};
+    const Json::Value& req_type = member(message, "req_type");
+    const auto* const type = std::find_if(kTypes.begin(), kTypes.end(),
+                                          [&](const auto& t) { return req_type == t.req_type; });
+    if (type == kTypes.end()) return {};
+    const Json::Value& id = member(message, type->id);
+    const bool is_answerable =
+        type->step == Step::Init || (type->is_query() ? id.isInt64() : id.isUInt());
+    if (!is_answerable) return {};
+
+    const std::lock_guard lock(mutex_);
+    const Rule& found = rule(type->step);
+    const bool is_exception = id.isUInt() && found.exceptions.count(id.asUInt()) != 0;
+    const bool refused = !fault.empty() || found.refuse_all != is_exception;
+    Answer answer;
+    if (type->step == Step::Auth && !refused) answer.authenticated = id.asUInt();
+    if (!answering_ || found.drop) return answer;
+    answer.text = text(*type, message, refused, fault);
+    answer.times = found.twice ? 2 : 1;
+    answer.delay = found.delay;
+    return answer;
 }
 
-std::string Answers::text(const Request& request) {
-    const bool refused = refuses(request);
-    switch (request.step) {
-        case Step::Init:
-            return init_answer(refused ? kRefused : ++services_);
-        case Step::Permission:
-            return refused ? permission_answer(request, kRefused, {})
-                           : permission_answer(request, 0, permission_results(request.names));
-        case Step::Info:
-            return info_answer(
-                request, refused ? std::vector<std::string>(request.names.size(), kRefusedInfo)
-                                 : info_results(request.names));
-        default:
-            return acknowledgement(request, refused ? kRefused : 0);
+std::string Answers::text(const RequestType& type, const Json::Value& message, bool refused,
+                          const std::string& fault) {
+    const int result = refused ? -1 : 0;
+    if (type.step == Step::Init) {
+        return fmt::format(R"({{"req_type":"INIT","service_id":{}}})",
+                           refused ? result : ++services_);
     }
-}
-
-std::vector<std::string> Answers::permission_results(const std::vector<std::string>& names) const {
-    std::vector<std::string> results;
-    for (const std::string& name : names) results.push_back(granted_.count(name) != 0 ? "1" : "0");
-    return results;
-}
-
-std::vector<std::string> Answers::info_results(const std::vector<std::string>& names) const {
-    std::vector<std::string> results;
-    for (const std::string& name : names) {
-        const auto info = infos_.find(name);
-        results.push_back(info == infos_.end() ? kUnknownInfo : info->second);
+    const std::int64_t id = member(message, type.id).asInt64();
+    if (!type.is_query()) {
+        return fmt::format(R"({{"req_type":"{}","opcode":"{}","result":{}{}}})", type.req_type, id,
+                           result, fault.empty() ? "" : ",\"reason\":" + json_text(fault));
     }
-    return results;
+    const std::string named = results(member(message, type.names), type.step, refused);
+    if (type.step == Step::Info) {
+        return fmt::format(R"({{"req_type":"{}","QueryId":{},"QueryInfosRes":{}}})", type.req_type,
+                           id, named);
+    }
+    return fmt::format(R"({{"req_type":"{}","QueryId":{},"status":{},"PermRes":{}}})",
+                       type.req_type, id, result, named);
+}
+
+/// The result for each of the names, as a JSON array.
+std::string Answers::results(const Json::Value& names, Step step, bool refused) const {
+    Json::Value results(Json::arrayValue);
+    const bool is_permission = step == Step::Permission;
+    if (!names.isArray() || (is_permission && refused)) return json_string(results);
+    for (const Json::Value& name : names) {
+        // What is no text counts as an empty name, so that each element gets its result.
+        const auto known = results_.find({step, name.isString() ? name.asString() : ""});
+        if (refused) {
+            results.append("ERROR:refused");
+        } else if (known != results_.end()) {
+            results.append(known->second);
+        } else {
+            results.append(is_permission ? "0" : "ERROR:unknown");
+        }
+    }
+    return json_string(results);
 }
 
 }  // namespace manager

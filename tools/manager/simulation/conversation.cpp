@@ -14,7 +14,7 @@ SimulatedManager::TargetsByClient SimulatedManager::by_client(const std::vector<
 SimulatedManager::TargetsByClient SimulatedManager::participants(std::int64_t session) const {
     TargetsByClient started;
     TargetsByClient all;
-    for (const ConnectedClient& client : clients_) {
+    for (const Client& client : clients_) {
         if (client.closing) continue;
         all[client.number];
         if (client.sessions.count(session) != 0) started[client.number];
@@ -28,7 +28,7 @@ std::int64_t SimulatedManager::start_session(std::int64_t session,
     const TargetsByClient groups = by_client(targets);
     const std::int64_t transaction = ++last_transaction_;
     for (const auto& [number, own] : groups) {
-        ConnectedClient& client = *find_client(number);
+        Client& client = *find_client(number);
         deliver(client, start_session_message(session, transaction, own));
         client.sessions.insert(session);
     }
@@ -60,7 +60,7 @@ std::int64_t SimulatedManager::exec_task(const Task& task) {
     const std::string text = exec_task_message(task, transaction);
     const Lock lock(mutex_);
     deliver(client_for(task.opcode), text);
-    replies_.expect(transaction, sent);
+    pending_.emplace(transaction, sent);
     return transaction;
 }
 

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 
 #include "manager/base/error.h"
 
@@ -22,10 +21,9 @@ namespace {
 }
 
 [[noreturn]] void fail(const std::string& path) {
-    const bool no_directory = errno == ENOENT;
-    const std::string reason = std::strerror(errno);
-    fail(path,
-         no_directory ? reason + " (vexon-private-dev runs a command with a /dev/socket)" : reason);
+    const char* const hint =
+        errno == ENOENT ? " (vexon-private-dev runs a command with a /dev/socket)" : "";
+    fail(path, std::strerror(errno) + std::string(hint));
 }
 
 sockaddr_un address_of(const std::string& path) {
@@ -61,27 +59,23 @@ bool is_alive(const sockaddr_un& address) {
     return with_address(connect, probe.get(), address) == 0 || errno != ECONNREFUSED;
 }
 
-/// The process that began to listen at the address, if it does so for sockets of this type. To it
-/// this is a client that leaves at once: only a connection tells who is at its other end.
-std::optional<pid_t> listener_at(const sockaddr_un& address, int type) {
-    const FileDescriptor probe(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    ucred peer{};
-    socklen_t size = sizeof(peer);
-    const bool known = with_address(connect, probe.get(), address) == 0 &&
-                       getsockopt(probe.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
-    // A process of another pid namespace has the number 0.
-    return known && peer.pid != 0 ? std::optional(peer.pid) : std::nullopt;
-}
-
-/// The process that listens at the address, in words.
+/// The process that began to listen at the address, in words. To it this is a client that leaves at
+/// once: only a connection tells who is at its other end.
 std::string holder(const sockaddr_un& address) {
-    auto pid = listener_at(address, SOCK_SEQPACKET);
-    if (!pid) pid = listener_at(address, SOCK_STREAM);
-    if (!pid) return "another process";
-    std::string name;
-    std::ifstream comm("/proc/" + std::to_string(*pid) + "/comm");
-    std::getline(comm, name);
-    return "process " + std::to_string(*pid) + (name.empty() ? "" : " (" + name + ")");
+    for (const int type : {SOCK_SEQPACKET, SOCK_STREAM}) {
+        const FileDescriptor probe(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        with_address(connect, probe.get(), address);
+        ucred peer{};
+        socklen_t size = sizeof(peer);
+        getsockopt(probe.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
+        // Not connected, or to a process of another pid namespace.
+        if (peer.pid == 0) continue;
+        std::string name;
+        std::ifstream comm("/proc/" + std::to_string(peer.pid) + "/comm");
+        std::getline(comm, name);
+        return "process " + std::to_string(peer.pid) + (name.empty() ? "" : " (" + name + ")");
+    }
+    return "another process";
 }
 
 void remove_stale_socket(const std::string& path, const sockaddr_un& address) {
@@ -105,9 +99,6 @@ ListeningSocket::ListeningSocket(const std::string& path)
     // Services may run as another user than the Manager.
     if (lstat(path.c_str(), &status) != 0 || chmod(path.c_str(), 0666) != 0 ||
         listen(socket_.get(), SOMAXCONN) != 0) {
-        const int error = errno;
-        unlink(path.c_str());
-        errno = error;
         fail(path);
     }
     device_ = status.st_dev;

@@ -2,10 +2,8 @@
 
 #include <functional>
 #include <string>
-#include <type_traits>
-#include <utility>
 
-#include "manager/simulation/packet.h"
+#include "manager/simulation/event.h"
 
 namespace manager {
 
@@ -13,23 +11,20 @@ namespace manager {
 class Matcher {
   public:
     /// Matches the packets whose text contains `text`.
-    Matcher(std::string text);
+    Matcher(const std::string& text);
     Matcher(const char* text) : Matcher(std::string(text)) {}
 
-    /// Matches the packets for which `predicate(packet)` is true.
-    template <typename Predicate,
-              typename = std::enable_if_t<std::is_invocable_r_v<bool, Predicate, const Packet&>>,
-              typename = std::enable_if_t<!std::is_same_v<std::decay_t<Predicate>, Matcher>>>
-    Matcher(Predicate predicate)
-        : matches_(std::move(predicate)), description_("fitting the predicate") {}
+    /// Matches the packets for which the predicate is true. The description of what is matched
+    /// follows the words "a packet".
+    explicit Matcher(std::function<bool(const Packet&)> predicate,
+                     std::string description = "fitting the predicate")
+        : matches_(std::move(predicate)), description_(std::move(description)) {}
 
     /// Matches the packets that contain a match of a POSIX extended regular expression, however
     /// long the packet is. Throws std::invalid_argument if the expression is wrong.
     static Matcher regex(const std::string& expression);
 
     bool operator()(const Packet& packet) const { return matches_(packet); }
-
-    /// What is matched, to follow the words "a packet".
     const std::string& description() const { return description_; }
 
   private:

@@ -3,28 +3,24 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <cstdlib>
+
 #include "manager/base/error.h"
 #include "manager/base/json.h"
 
 namespace manager {
 namespace {
 
-// The two ways in which messages hold an opcode.
-std::string hexadecimal_text(Opcode opcode) {
-    return fmt::format(R"("{:x}")", opcode);
-}
-std::string plain_number(Opcode opcode) {
-    return std::to_string(opcode);
-}
-
-std::string targets_text(const std::vector<Target>& targets, std::string (*opcode_id)(Opcode)) {
+/// `opcode_form` is the format of an opcode, of which messages have two.
+std::string targets_text(const std::vector<Target>& targets, fmt::string_view opcode_form) {
     std::vector<std::string> groups;
     for (const Target& target : targets) {
         std::vector<std::string> subsystems;
         for (const Subsystem id : target.subsystems) {
             subsystems.push_back(fmt::format(R"({{"id":{}}})", id));
         }
-        groups.push_back(fmt::format(R"({{"id":{},"subsystems":[{}]}})", opcode_id(target.opcode),
+        groups.push_back(fmt::format(R"({{"id":{},"subsystems":[{}]}})",
+                                     fmt::format(fmt::runtime(opcode_form), target.opcode),
                                      fmt::join(subsystems, ",")));
     }
     return fmt::format("[{}]", fmt::join(groups, ","));
@@ -37,6 +33,22 @@ std::string change_message(const char* req_type, const std::string& name, const 
                        json_string(affected.package));
 }
 
+/// The number behind the last `key` in the text.
+std::optional<std::int64_t> number_behind(const std::string& text, std::string_view key) {
+    const std::size_t found = text.rfind(key);
+    if (found == std::string::npos) return std::nullopt;
+    const char* const begin = text.c_str() + found + key.size();
+    char* end = nullptr;
+    const std::int64_t number = std::strtoll(begin, &end, 10);
+    if (end == begin) return std::nullopt;
+    return number;
+}
+
+std::optional<std::int64_t> read_integer(const Json::Value& value) {
+    if (!value.isInt64()) return std::nullopt;
+    return value.asInt64();
+}
+
 }  // namespace
 
 std::string opcode_text(Opcode opcode) {
@@ -47,19 +59,19 @@ std::string start_session_message(std::int64_t session, std::int64_t transaction
                                   const std::vector<Target>& targets) {
     return fmt::format(
         R"({{"req_type":"start_session","session_id":{},"transac_id":{},"opcodes":{}}})", session,
-        transaction, targets_text(targets, hexadecimal_text));
+        transaction, targets_text(targets, "\"{:x}\""));
 }
 
 std::string ready_session_message(std::int64_t session, const std::vector<Target>& targets) {
     return fmt::format(R"({{"req_type":"ready_session","session_id":{},"opcodes":{}}})", session,
-                       targets_text(targets, hexadecimal_text));
+                       targets_text(targets, "\"{:x}\""));
 }
 
 std::string end_session_message(std::int64_t session, std::int64_t transaction,
                                 const std::vector<Target>& targets) {
     return fmt::format(
         R"({{"req_type":"end_session","session_id":{},"transac_id":{},"opcodes":{}}})", session,
-        transaction, targets_text(targets, plain_number));
+        transaction, targets_text(targets, "{}"));
 }
 
 std::string exec_task_message(const Task& task, std::int64_t transaction) {
@@ -90,6 +102,31 @@ std::string state_change_message(const std::string& name, const std::string& val
 std::string setting_change_message(const std::string& name, const std::string& value,
                                    const Affected& affected) {
     return change_message("system_setting_change", name, value, affected);
+}
+
+std::optional<ReplyHead> read_reply(const Json::Value& message) {
+    const auto transaction = read_integer(member(message, "transac_id"));
+    if (member(message, "req_type") != "exec_task" || !transaction) return std::nullopt;
+    return ReplyHead{*transaction, read_integer(member(message, "status"))};
+}
+
+Json::Value read_broken(const std::string& text, std::string& fault) {
+    Json::Value message;
+    const std::size_t definition = text.find(",\"api_def\":");
+    const auto opcode = number_behind(text.substr(0, definition), "\"Opcode\":");
+    const auto transaction = number_behind(text, "\"transac_id\":");
+    if (text.rfind(R"({"req_type":"AUTH",)", 0) == 0) {
+        if (definition == std::string::npos || !opcode) return message;
+        const bool is_token =
+            parse_json(text.substr(0, text.rfind(",\"Token\":")) + '}').has_value();
+        fault = is_token ? "the token is no text of JSON" : "the definition is no JSON";
+        message["req_type"] = "AUTH";
+        message["Opcode"] = static_cast<Opcode>(*opcode);
+    } else if (transaction && text.find(R"("req_type":"exec_task")") != std::string::npos) {
+        message["req_type"] = "exec_task";
+        message["transac_id"] = *transaction;
+    }
+    return message;
 }
 
 }  // namespace manager

@@ -1,7 +1,10 @@
-// What the Manager sends without being asked.
+// What the Manager sends without being asked, and what it reads of the packets of clients.
 #pragma once
 
+#include <json/value.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,5 +53,18 @@ std::string state_change_message(const std::string& name, const std::string& val
                                  const Affected& affected);
 std::string setting_change_message(const std::string& name, const std::string& value,
                                    const Affected& affected);
+
+/// The parts of a task's reply that the Manager reads.
+struct ReplyHead {
+    std::int64_t transaction;
+    /// Absent if the reply has no integer there.
+    std::optional<std::int64_t> status;
+};
+/// Returns nothing if the message is no reply to a task.
+std::optional<ReplyHead> read_reply(const Json::Value& message);
+
+/// What can be read of a packet that is no JSON, since clients escape nothing: the type and the
+/// number of a reply or of an AUTH, and of that what its fault is. Null if it is something else.
+Json::Value read_broken(const std::string& text, std::string& fault);
 
 }  // namespace manager

@@ -1,10 +1,12 @@
 // The parts of SimulatedManager that move packets: its thread, and sending from any thread.
 
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 
+#include "manager/base/json.h"
 #include "manager/simulation/Manager.h"
 #include "manager/simulation/packet_socket.h"
 
@@ -29,7 +31,7 @@ void SimulatedManager::serve() {
         {
             const Lock lock(mutex_);
             events = poll_set();
-            timeout = delayed_.poll_timeout(Clock::now());
+            timeout = poll_timeout();
         }
         poll(events.data(), events.size(), timeout);
     } while (handle_events(events));
@@ -38,7 +40,7 @@ void SimulatedManager::serve() {
 
 std::vector<pollfd> SimulatedManager::poll_set() const {
     std::vector<pollfd> set{{wake_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
-    for (const ConnectedClient& client : clients_) {
+    for (const Client& client : clients_) {
         const int wanted = (reading_ ? POLLIN : 0) | (client.unsent.empty() ? 0 : POLLOUT);
         // With nothing wanted, poll() would still return at once when the client has left.
         const int watched = wanted == 0 ? -1 : client.connection.get();
@@ -47,14 +49,24 @@ std::vector<pollfd> SimulatedManager::poll_set() const {
     return set;
 }
 
+/// Until the first delayed answer is due.
+int SimulatedManager::poll_timeout() const {
+    if (delayed_.empty()) return -1;
+    const auto left = delayed_.begin()->first - Clock::now();
+    // Rounded up: to poll for nothing until the time comes would take the processor.
+    return std::max(0, static_cast<int>(std::chrono::ceil<Timeout>(left).count()));
+}
+
 /// Returns whether the thread shall go on.
 bool SimulatedManager::handle_events(const std::vector<pollfd>& events) {
     const Lock lock(mutex_);
     auto event = events.begin() + kFirstClientIndex;
-    for (ConnectedClient& client : clients_) {
+    for (Client& client : clients_) {
         const int happened = (event++)->revents;
         if (happened & POLLOUT) flush(client);
-        if (reading_ && (happened & ~POLLOUT)) client.left = !receive_from(client);
+        if (!reading_ || (happened & ~POLLOUT) == 0 || receive_from(client)) continue;
+        client.left = true;
+        if (!client.closing) client.closing = Ending::Orderly;
     }
     send_due_answers();
     remove_closing_clients();
@@ -73,18 +85,19 @@ void SimulatedManager::accept_clients() {
         if (!connection.valid()) return;
         const std::size_t limit = max_packet_size(connection.get());
         clients_.push_back({++last_client_, std::move(connection), limit});
-        notify(last_client_, Change::Connected);
+        note(last_client_, Kind::Connected);
     }
 }
 
 /// Returns whether more may come.
-bool SimulatedManager::receive_from(ConnectedClient& client) {
-    const Received received = receive_packet(client.connection.get());
-    if (received.kind == Received::Kind::Packet) {
-        handle(client, record(client, Direction::FromClient, received.text));
+bool SimulatedManager::receive_from(Client& client) {
+    std::optional<std::string> text;
+    const bool is_open = receive_packet(client.connection.get(), text);
+    if (text) {
+        note(client.number, Kind::FromClient, *text);
+        handle(client, log_.back());
     }
-    if (received.kind == Received::Kind::Closed) client.closing = true;
-    return received.kind != Received::Kind::Closed;
+    return is_open;
 }
 
 void SimulatedManager::remove_closing_clients() {
@@ -94,15 +107,15 @@ void SimulatedManager::remove_closing_clients() {
             continue;
         }
         // The client sees a reset if a packet of it is left unread.
-        if (client->ending == Ending::Orderly) {
-            end_connection(client->connection.get());
+        if (client->closing == Ending::Orderly) {
+            shutdown(client->connection.get(), SHUT_RDWR);
             while (receive_from(*client)) continue;
         }
         const int number = client->number;
-        const Change change = client->left ? Change::Left : Change::Closed;
-        routes_.remove_client(number);
+        const Kind kind = client->left ? Kind::Left : Kind::Closed;
+        routes_.remove_if([&](const auto& route) { return route.second == &*client; });
         client = clients_.erase(client);
-        notify(number, change);
+        note(number, kind);
     }
 }
 
@@ -110,7 +123,7 @@ void SimulatedManager::disconnect_all() {
     const Lock lock(mutex_);
     // A client that waits to be accepted sees a reset, too.
     if (ending_ == Ending::Orderly) {
-        end_connection(listener_.get());
+        shutdown(listener_.get(), SHUT_RDWR);
         accept_clients();
     }
     begin_to_close(ending_);
@@ -118,22 +131,22 @@ void SimulatedManager::disconnect_all() {
     changed_.notify_all();
 }
 
-ConnectedClient* SimulatedManager::find_client(int number) {
-    const auto client =
-        std::find_if(clients_.begin(), clients_.end(),
-                     [&](const ConnectedClient& c) { return c.number == number && !c.closing; });
+SimulatedManager::Client* SimulatedManager::find_client(int number) {
+    const auto client = std::find_if(clients_.begin(), clients_.end(), [&](const Client& c) {
+        return c.number == number && !c.closing;
+    });
     return client == clients_.end() ? nullptr : &*client;
 }
 
-ConnectedClient& SimulatedManager::client_for(Opcode opcode) {
-    const std::optional<int> number = routes_.find(opcode);
-    ConnectedClient* const client = number ? find_client(*number) : nullptr;
-    if (client != nullptr) return *client;
+SimulatedManager::Client& SimulatedManager::client_for(Opcode opcode) {
+    for (const auto& [authenticated, client] : routes_) {
+        if (authenticated == opcode && !client->closing) return *client;
+    }
     throw ManagerError("no connected client has authenticated opcode " + opcode_text(opcode));
 }
 
 /// Sends the packet, or queues it if the connection has no room for it now.
-void SimulatedManager::deliver(ConnectedClient& client, const std::string& text) {
+void SimulatedManager::deliver(Client& client, const std::string& text) {
     if (text.size() > client.max_packet_size) {
         throw ManagerError("a packet of " + std::to_string(text.size()) +
                            " bytes is larger than the system allows to send, which is " +
@@ -143,41 +156,63 @@ void SimulatedManager::deliver(ConnectedClient& client, const std::string& text)
 }
 
 /// As deliver(), but a packet that is too large is lost.
-void SimulatedManager::enqueue(ConnectedClient& client, const std::string& text) {
+void SimulatedManager::enqueue(Client& client, const std::string& text) {
     client.unsent.push_back(text);
     flush(client);
     if (!client.unsent.empty()) wake_thread();
 }
 
 /// Sends the packets that wait in the client's queue, as far as the connection has room.
-void SimulatedManager::flush(ConnectedClient& client) {
+void SimulatedManager::flush(Client& client) {
     for (; !client.unsent.empty(); client.unsent.pop_front()) {
-        const SendResult result = send_packet(client.connection.get(), client.unsent.front());
-        if (result == SendResult::WouldBlock) return;
-        if (result == SendResult::Closed) continue;
-        record(client, Direction::ToClient, client.unsent.front());
+        const std::string& text = client.unsent.front();
+        const bool sent =
+            ::send(client.connection.get(), text.data(), text.size(), MSG_NOSIGNAL) >= 0;
+        // The kernel lacks memory now and then for a large packet, which need not be lost for that.
+        if (!sent && (errno == EAGAIN || errno == ENOBUFS || errno == EINTR)) return;
+        if (sent) note(client.number, Kind::ToClient, text);
     }
 }
 
-const Packet& SimulatedManager::record(const ConnectedClient& client, Direction direction,
-                                       const std::string& text) {
-    const Packet& packet = log_.append(
-        {Clock::now(), std::chrono::system_clock::now(), client.number, direction, text});
-    if (on_packet_) on_packet_(packet);
-    return packet;
+void SimulatedManager::note(int client, Kind kind, const std::string& text) {
+    constexpr std::size_t kMaxLogBytes = std::size_t{256} * 1024 * 1024;
+    const auto cost = [](const Packet& packet) { return sizeof(Packet) + packet.text.size(); };
+    Event event{Clock::now(), std::chrono::system_clock::now(), client, kind, text};
+    if (observer_) observer_(event);
+    if (!is_packet(event)) return;
+    log_bytes_ += cost(event);
+    log_.push_back(std::move(event));
+    for (; log_bytes_ > kMaxLogBytes; ++first_) {
+        log_bytes_ -= cost(log_.front());
+        log_.pop_front();
+    }
 }
 
-void SimulatedManager::notify(int client, Change change) {
-    if (!on_connection_) return;
-    on_connection_({Clock::now(), std::chrono::system_clock::now(), client, change});
+void SimulatedManager::handle(Client& client, const Packet& packet) {
+    std::string fault;
+    auto message = parse_json(packet.text);
+    if (!message) message = read_broken(packet.text, fault);
+    if (const auto reply = read_reply(*message)) {
+        const auto task = pending_.find(reply->transaction);
+        if (task == pending_.end()) return;
+        replies_.push_back({reply->transaction, reply->status, packet.time - task->second, packet});
+        pending_.erase(task);
+    }
+    const Answer answer = answer_to(*message, fault);
+    if (answer.authenticated) routes_.emplace_front(*answer.authenticated, &client);
+    for (int i = 0; i < answer.times; ++i) {
+        if (answer.delay.count() == 0) {
+            enqueue(client, answer.text);
+        } else {
+            delayed_.emplace(Clock::now() + answer.delay, std::pair(client.number, answer.text));
+        }
+    }
 }
 
-void SimulatedManager::handle(ConnectedClient& client, const Packet& packet) {
-    const auto message = parse_json(packet.text);
-    if (const auto request = message ? read_request(*message) : read_broken_auth(packet.text)) {
-        answer(client, *request);
-    } else if (const auto reply = message ? read_reply(*message) : read_broken_reply(packet.text)) {
-        replies_.keep(*reply, packet);
+void SimulatedManager::send_due_answers() {
+    while (!delayed_.empty() && delayed_.begin()->first <= Clock::now()) {
+        const auto [number, text] = delayed_.extract(delayed_.begin()).mapped();
+        if (Client* const client = find_client(number)) enqueue(*client, text);
     }
 }
 
