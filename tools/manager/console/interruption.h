@@ -27,7 +27,7 @@ class Interruption {
     static void interrupt(int signal);
 
     /// The signal that came last, 0 while none did.
-    int signal() const;
+    int signal() const { return signal_; }
 
     /// Goes on as if a SIGINT had not come; another signal stays. Returns whether one has gone.
     bool forgive() const;
@@ -37,19 +37,15 @@ class Interruption {
     bool wait_readable(int fd, std::optional<std::chrono::milliseconds> timeout = {}) const;
 
     /// Waits for that time; returns at once when a signal comes.
-    void sleep(std::chrono::milliseconds duration) const;
+    void sleep(std::chrono::milliseconds duration) const { wait_readable(-1, duration); }
 
   private:
-    void watch(const std::function<void()>& on_interrupt);
-
-    FileDescriptor signals_;
-    /// Readable from the moment on at which this object is being destroyed.
-    FileDescriptor done_;
     /// Readable from the moment on at which a signal came.
     FileDescriptor came_;
     /// Held while a signal is taken note of.
     mutable std::mutex mutex_;
     mutable std::atomic<int> signal_{0};
+    std::atomic<bool> done_{false};
     std::thread thread_;
 };
 
