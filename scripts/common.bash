@@ -7,7 +7,7 @@ repository=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck disable=SC2034
 build_packages=(
     g++ cmake ninja-build pkg-config libjsoncpp-dev android-liblog-dev android-libbase-dev
-    libcli11-dev libfmt-dev libedit-dev)
+    libcli11-dev libfmt-dev libedit-dev nlohmann-json3-dev)
 
 # shellcheck disable=SC2034
 packaging_packages=(debhelper dpkg-dev help2man file)

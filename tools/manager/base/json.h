@@ -31,6 +31,13 @@ const Json::Value& member(const Json::Value& value, const char* name);
 /// member twice, nothing that only lenient readers take, nesting of at most 100.
 bool is_strict_json(const std::string& text);
 
+bool is_utf8(const std::string& text);
+
+/// Whether it is a control character of ASCII.
+inline bool is_control(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
 /// The text as a JSON string in UTF-8. What is no UTF-8 is replaced by U+FFFD.
 std::string json_text(const std::string& text);
 

@@ -14,7 +14,6 @@
 #include <utility>
 
 #include "manager/base/json.h"
-#include "manager/base/utf8.h"
 #include "manager/console/json_lines.h"
 
 namespace manager {

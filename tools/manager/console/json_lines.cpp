@@ -6,7 +6,6 @@
 #include <algorithm>
 
 #include "manager/base/json.h"
-#include "manager/base/utf8.h"
 
 namespace manager {
 namespace {

@@ -9,7 +9,6 @@
 #include <set>
 
 #include "manager/base/json.h"
-#include "manager/base/utf8.h"
 #include "manager/base/words.h"
 
 namespace manager {
