@@ -491,7 +491,7 @@ send @1 both
 A< {"req_type":"exec_task","transac_id":5,"func":{"out":[1]}}
 A< {"req_type":"exec_task","transac_id":6,"func":{}}
 A! )");
-    ASSERT_TRUE(simulated.wait_for_disconnect(1, 5s));
+    ASSERT_TRUE(simulated.wait_for_clients(0, 5s));
     play("record\ngrant X\nrefuse init");
     const std::string start = R"(A? INIT "any":0 => "service_id":1
 A? PERMISSION "Permissions":["X"],"QueryId":9 => "QueryId":9,"status":0,"PermRes":["0"]

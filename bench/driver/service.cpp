@@ -12,7 +12,6 @@
 #include <system_error>
 
 #include "manager/simulation/Manager.h"
-#include "manager/simulation/packet_socket.h"
 
 namespace bench {
 namespace {
@@ -32,16 +31,16 @@ constexpr int kPatienceMs = 60'000;
     ::_exit(127);
 }
 
-int manager_listener() {
+const manager::ListeningSocket& manager_listener() {
     static const manager::ListeningSocket listener(manager::kDefaultPath);
-    return listener.get();
+    return listener;
 }
 
 std::unique_ptr<Caller> make_library_caller(int) {
-    pollfd waiting{manager_listener(), POLLIN, 0};
+    pollfd waiting{manager_listener().get(), POLLIN, 0};
     if (::poll(&waiting, 1, kPatienceMs) != 1)
         throw std::runtime_error("the service does not connect");
-    return make_packet_caller(manager::accept_connection(waiting.fd), PacketService::kLibrary);
+    return make_packet_caller(manager_listener().accept(), PacketService::kLibrary);
 }
 
 template <PacketService kService>

@@ -5,8 +5,17 @@
 namespace manager {
 
 /// The Manager cannot do what was asked of it; what() is a sentence for its user.
-class ManagerError : public std::runtime_error {
-  public:
+struct ManagerError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// A command is not written as it should be; what() says what was expected.
+struct BadCommand : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// A command or a replay did not do what it is for; what() says what was expected.
+struct CommandFailed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 

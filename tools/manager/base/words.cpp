@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <limits>
 #include <optional>
 
 namespace manager {
@@ -12,17 +11,12 @@ namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
 
-std::optional<std::uint64_t> parse_number(std::string_view text, int base, std::uint64_t max) {
-    std::uint64_t number = 0;
+template <typename Number>
+std::optional<Number> parse_number(std::string_view text, int base) {
+    Number number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
-    const bool complete = error == std::errc() && end == text.data() + text.size();
-    if (!complete || number > max) return std::nullopt;
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
     return number;
-}
-
-std::optional<std::uint64_t> hexadecimal(std::string_view text, std::uint64_t max) {
-    const bool prefixed = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
-    return parse_number(prefixed ? text.substr(2) : text, 16, max);
 }
 
 /// The size of the JSON value that `text` begins with, npos if it does not end in `text`.
@@ -127,21 +121,21 @@ void Words::end() {
 }
 
 std::optional<std::uint32_t> hexadecimal(std::string_view text) {
-    const auto number = hexadecimal(text, std::numeric_limits<std::uint32_t>::max());
-    if (!number) return std::nullopt;
-    return static_cast<std::uint32_t>(*number);
+    const bool prefixed = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
+    return parse_number<std::uint32_t>(prefixed ? text.substr(2) : text, 16);
+}
+
+std::uint32_t parse_hexadecimal(std::string_view text, const char* what) {
+    if (const auto number = hexadecimal(text)) return *number;
+    throw BadCommand(
+        fmt::format("{} must be a hexadecimal number up to ffffffff, not \"{}\"", what, text));
 }
 
 std::uint64_t parse_decimal(std::string_view text, const char* what, std::uint64_t max) {
-    if (const auto number = parse_number(text, 10, max)) return *number;
+    const auto number = parse_number<std::uint64_t>(text, 10);
+    if (number && *number <= max) return *number;
     throw BadCommand(
         fmt::format("{} must be a decimal number up to {}, not \"{}\"", what, max, text));
-}
-
-std::uint64_t parse_hexadecimal(std::string_view text, const char* what, std::uint64_t max) {
-    if (const auto number = hexadecimal(text, max)) return *number;
-    throw BadCommand(
-        fmt::format("{} must be a hexadecimal number up to {:x}, not \"{}\"", what, max, text));
 }
 
 }  // namespace manager

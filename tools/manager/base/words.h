@@ -2,17 +2,12 @@
 
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
-namespace manager {
+#include "manager/base/error.h"
 
-/// A command is not written as it should be; what() says what was expected.
-class BadCommand : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
+namespace manager {
 
 /// Takes the items of a command line, from left to right. Each item may follow blanks; each
 /// function throws BadCommand, naming the item as `what`, if it is not there or not complete.
@@ -55,9 +50,9 @@ class Words {
 /// The number that the whole of `text` is, as in 1a or 0x1a; nothing if it is none of 32 bits.
 std::optional<std::uint32_t> hexadecimal(std::string_view text);
 
-/// Reads the whole of `text` as a number of at most `max`; throws BadCommand, naming the number as
-/// `what`, if it is none. A hexadecimal number may begin with 0x.
+/// The same, and a decimal number of at most `max`; throw BadCommand, naming the number as `what`,
+/// if it is none.
+std::uint32_t parse_hexadecimal(std::string_view text, const char* what);
 std::uint64_t parse_decimal(std::string_view text, const char* what, std::uint64_t max);
-std::uint64_t parse_hexadecimal(std::string_view text, const char* what, std::uint64_t max);
 
 }  // namespace manager

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <limits>
 
-#include "manager/base/durations.h"
-
 namespace manager {
 namespace {
 
@@ -21,8 +19,7 @@ bool at_quote(Words& words) {
 }
 
 Opcode parse_opcode(std::string_view text) {
-    return static_cast<Opcode>(
-        parse_hexadecimal(text, "OPCODE", std::numeric_limits<Opcode>::max()));
+    return parse_hexadecimal(text, "OPCODE");
 }
 
 Subsystem parse_subsystem(std::string_view text) {

@@ -1,6 +1,5 @@
 #include <limits>
 
-#include "manager/base/durations.h"
 #include "manager/base/json.h"
 #include "manager/commands/arguments.h"
 #include "manager/commands/tables.h"

@@ -1,8 +1,6 @@
 // What commands and replays share: the Manager, the console and what follows the conversation.
 #pragma once
 
-#include <stdexcept>
-
 #include "manager/console/console.h"
 #include "manager/console/interruption.h"
 #include "manager/recording/traffic.h"
@@ -20,12 +18,6 @@ struct CommandContext {
     bool quit = false;
     /// Whether a fault of a service makes the next command of a script fail.
     bool strict = false;
-};
-
-/// A command or a replay did not do what it is for; what() says what was expected.
-class CommandFailed : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
 };
 
 }  // namespace manager

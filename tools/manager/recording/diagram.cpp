@@ -13,16 +13,15 @@ constexpr char kPage[] =
 #include "diagram_page.inc"
     ;
 
-std::string remark(const std::vector<PicturedEvent>& events, const PicturedEvent& event) {
+std::string remark(const PicturedEvent& event) {
     if (event.role == Role::Other) return {};
     if (!event.partner) return event.role == Role::Request ? "no answer" : "no request";
     if (event.role == Role::Request) return {};
-    const auto latency = event.begin - events[*event.partner].begin;
-    return fmt::format("after {:.3f} ms",
-                       std::chrono::duration<double, std::milli>(latency).count());
+    const std::chrono::duration<double, std::milli> latency = event.begin - event.partner->begin;
+    return fmt::format("after {:.3f} ms", latency.count());
 }
 
-std::string object(const std::vector<PicturedEvent>& events, const PicturedEvent& event) {
+std::string object(const PicturedEvent& event, const std::vector<PicturedEvent>& events) {
     return fmt::format(
         R"({{"kind":"{}","client":{},"time":{:.6f},"wall":{},"title":{},"remark":{},)"
         R"("failed":{},"partner":{},"text":{}}})",
@@ -30,9 +29,10 @@ std::string object(const std::vector<PicturedEvent>& events, const PicturedEvent
         : event.kind == Kind::ToClient ? "to"
                                        : "from",
         event.client, std::chrono::duration<double>(event.begin).count(),
-        json_text(event.written_time), json_text(title(event)), json_text(remark(events, event)),
+        json_text(event.written_time), json_text(title(event)), json_text(remark(event)),
         event.failed || (event.role != Role::Other && !event.partner),
-        event.partner ? std::to_string(*event.partner) : "null", json_text(event.text));
+        event.partner ? std::to_string(event.partner - events.data()) : "null",
+        json_text(event.text));
 }
 
 void replace_all(std::string& text, const std::string& old, const std::string& replacement) {
@@ -54,7 +54,7 @@ void write_diagram(const std::vector<PicturedEvent>& events, std::ostream& outpu
     output << page.substr(0, at) << (events.empty() ? "[" : "");
     for (const PicturedEvent& event : events) {
         // The texts of packets may hold the end of the element that this stands in.
-        std::string text = object(events, event);
+        std::string text = object(event, events);
         replace_all(text, "<", "\\u003c");
         output << std::exchange(separator, ",\n") << text;
     }

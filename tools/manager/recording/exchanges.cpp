@@ -94,21 +94,21 @@ std::string read_packet(PicturedEvent& packet) {
     return packet.type + task_id(*message, packet);
 }
 
-/// The indices of requests without answer, the oldest first, by what they share with it.
-using Waiting = std::map<std::string, std::deque<std::size_t>>;
+/// The requests without answer, the oldest first, by what they share with it.
+using Waiting = std::map<std::string, std::deque<PicturedEvent*>>;
 
-void give_up(Waiting& waiting, std::vector<PicturedEvent>& events, std::chrono::nanoseconds time) {
+void give_up(Waiting& waiting, std::chrono::nanoseconds time) {
     for (const auto& [id, requests] : waiting) {
-        for (const std::size_t request : requests) events[request].end = time;
+        for (PicturedEvent* const request : requests) request->end = time;
     }
     waiting.clear();
 }
 
-void pair(std::vector<PicturedEvent>& events, std::size_t request, std::size_t answer) {
-    events[request].partner = answer;
-    events[request].end = events[answer].begin;
-    events[answer].partner = request;
-    events[answer].subject = events[request].subject;
+void pair(PicturedEvent& request, PicturedEvent& answer) {
+    request.partner = &answer;
+    request.end = answer.begin;
+    answer.partner = &request;
+    answer.subject = request.subject;
 }
 
 }  // namespace
@@ -116,24 +116,26 @@ void pair(std::vector<PicturedEvent>& events, std::size_t request, std::size_t a
 std::vector<PicturedEvent> pair_up(std::vector<RecordedEvent> recorded) {
     std::map<int, Waiting> clients;
     std::vector<PicturedEvent> events;
-    for (std::size_t i = 0; i < recorded.size(); ++i) {
-        PicturedEvent& event = events.emplace_back(PicturedEvent{std::move(recorded[i])});
-        event.begin = event.time - events[0].time;
-        if (i > 0) event.begin = std::max(event.begin, events[i - 1].begin);
+    // They point at each other.
+    events.reserve(recorded.size());
+    for (RecordedEvent& next : recorded) {
+        const auto earliest = events.empty() ? std::chrono::nanoseconds(0) : events.back().begin;
+        PicturedEvent& event = events.emplace_back(PicturedEvent{std::move(next)});
+        event.begin = std::max<std::chrono::nanoseconds>(event.time - events[0].time, earliest);
         Waiting& waiting = clients[event.client];
         if (!is_packet(event)) {
-            give_up(waiting, events, event.begin);
+            give_up(waiting, event.begin);
             continue;
         }
         const auto requests = waiting.try_emplace(read_packet(event)).first;
-        if (event.role == Role::Request) requests->second.push_back(i);
+        if (event.role == Role::Request) requests->second.push_back(&event);
         if (event.role == Role::Answer && !requests->second.empty()) {
-            pair(events, requests->second.front(), i);
+            pair(*requests->second.front(), event);
             requests->second.pop_front();
         }
         if (requests->second.empty()) waiting.erase(requests);
     }
-    for (auto& [client, waiting] : clients) give_up(waiting, events, events.back().begin);
+    for (auto& [client, waiting] : clients) give_up(waiting, events.back().begin);
     return events;
 }
 

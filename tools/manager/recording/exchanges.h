@@ -2,8 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,8 +27,8 @@ struct PicturedEvent : RecordedEvent {
     std::string session = {};
     /// The text of the arguments of a task, or of the services that a session is about.
     std::string arguments = {};
-    /// The index of the answer to this request, or of the request that this answers.
-    std::optional<std::size_t> partner = {};
+    /// The answer to this request, or the request that this answers, among the same events.
+    const PicturedEvent* partner = nullptr;
     /// When this request was answered, or when it was certain that it would not be.
     std::chrono::nanoseconds end{};
 };

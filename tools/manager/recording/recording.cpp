@@ -3,18 +3,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <fstream>
 #include <optional>
 #include <set>
 #include <utility>
 
-#include "manager/base/error.h"
 #include "manager/base/json.h"
 #include "manager/base/words.h"
-#include "manager/console/json_lines.h"
 
 namespace manager {
 namespace {
@@ -25,7 +20,7 @@ std::string bytes_of(const std::string& hex) {
     std::string bytes;
     for (std::size_t i = 0; i < hex.size(); i += 2) {
         bytes += static_cast<char>(
-            parse_hexadecimal(std::string_view(hex).substr(i, 2), "a byte of \"hex\"", 0xff));
+            parse_hexadecimal(std::string_view(hex).substr(i, 2), "a byte of \"hex\""));
     }
     return bytes;
 }

@@ -1,13 +1,54 @@
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
+#include <cstring>
+#include <fstream>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
-#include "manager/simulation/event.h"
+#include "manager/base/error.h"
+#include "manager/console/json_lines.h"
 
 namespace manager {
+
+/// Writes the conversation to a file, in the lines of json_lines.h. Thread-safety: every member may
+/// be called from any thread.
+class Recorder {
+  public:
+    /// Begins a new file, in place of one that exists, and ends the one before as stop() does.
+    /// Throws ManagerError if it cannot be written.
+    void start(const std::string& name) {
+        stop();
+        const std::lock_guard lock(mutex_);
+        name_ = name;
+        file_ = std::ofstream(name, std::ios::binary);
+        if (file_.is_open()) return;
+        throw ManagerError("cannot write " + name + ": " + std::strerror(errno));
+    }
+
+    /// Ends the recording, if there is one. Throws ManagerError if a part of it is lost, as on a
+    /// full disk.
+    void stop() {
+        const std::lock_guard lock(mutex_);
+        if (!file_.is_open()) return;
+        file_.close();
+        if (!file_) throw ManagerError("the recording " + name_ + " is not complete");
+    }
+
+    void add(const Event& event) {
+        const std::lock_guard lock(mutex_);
+        // Flushed, so that a recording is of use even if the program is killed.
+        if (file_.is_open()) file_ << json_line(event) << std::endl;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::string name_;
+    std::ofstream file_;
+};
 
 /// An event of a recorded conversation. Its time is that of the event before if the line has none;
 /// the client has the number that it had then.

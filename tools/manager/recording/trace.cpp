@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <list>
 #include <map>
 #include <utility>
 
@@ -11,8 +12,7 @@ namespace manager {
 namespace {
 
 using Time = std::chrono::nanoseconds;
-using Events = std::vector<PicturedEvent>;
-using Indices = std::vector<std::size_t>;
+using Events = std::vector<const PicturedEvent*>;
 
 constexpr int kManagerProcess = 1;
 
@@ -43,7 +43,7 @@ struct Session {
     std::string name;
     Time begin;
     Time end;
-    Indices requests;
+    Events requests = {};
 };
 
 bool is_asked_by(const PicturedEvent& event, Kind direction) {
@@ -51,41 +51,38 @@ bool is_asked_by(const PicturedEvent& event, Kind direction) {
 }
 
 /// Whether the answer says that its session is over.
-bool ends_session(const PicturedEvent& answer, const Events& events, const Session& session) {
+bool ends(const PicturedEvent& answer, const Session& session) {
     if (!answer.partner) return false;
     if (answer.type == "start_session") return answer.failed && session.requests.size() == 1;
-    const std::string& ended = events[*answer.partner].arguments;
+    const std::string& ended = answer.partner->arguments;
     return answer.type == "end_session" && !answer.failed && (ended.empty() || ended == "[]");
 }
 
-/// The sessions of one client in the order of their begins; each encloses its requests.
-std::vector<Session> find_sessions(const Events& events, const Indices& indices) {
-    std::vector<Session> sessions;
-    std::map<std::string, std::size_t> open;
-    const auto close_all = [&](Time time) {
-        for (const auto& [id, session] : open) sessions[session].end = time;
-        open.clear();
-    };
-    for (const std::size_t i : indices) {
-        const PicturedEvent& event = events[i];
-        if (!is_packet(event)) close_all(event.begin);
-        auto of_event = open.find(event.session);
-        if (is_asked_by(event, Kind::ToClient)) {
+/// The sessions of one client in the order of their begins; each encloses its requests, and lasts
+/// until `last` if nothing ends it.
+std::list<Session> find_sessions(const Events& events, Time last) {
+    std::list<Session> sessions;
+    std::map<std::string, Session*> open;
+    for (const PicturedEvent* const event : events) {
+        if (!is_packet(*event)) {
+            for (const auto& [id, session] : open) session->end = event->begin;
+            open.clear();
+        }
+        auto of_event = open.find(event->session);
+        if (is_asked_by(*event, Kind::ToClient)) {
             if (of_event == open.end()) {
-                of_event = open.emplace(event.session, sessions.size()).first;
-                sessions.push_back({"session " + event.session, event.begin, {}, {}});
+                sessions.push_back({"session " + event->session, event->begin, last});
+                of_event = open.emplace(event->session, &sessions.back()).first;
             }
-            sessions[of_event->second].requests.push_back(i);
-        } else if (of_event != open.end() &&
-                   ends_session(event, events, sessions[of_event->second])) {
-            sessions[of_event->second].end = event.begin;
+            of_event->second->requests.push_back(event);
+        } else if (of_event != open.end() && ends(*event, *of_event->second)) {
+            of_event->second->end = event->begin;
             open.erase(of_event);
         }
     }
-    close_all(events.back().begin);
     for (Session& session : sessions) {
-        for (const std::size_t i : session.requests) {
-            if (events[i].partner) session.end = std::max(session.end, events[i].end);
+        for (const PicturedEvent* const request : session.requests) {
+            if (request->partner) session.end = std::max(session.end, request->end);
         }
     }
     return sessions;
@@ -93,33 +90,28 @@ std::vector<Session> find_sessions(const Events& events, const Indices& indices)
 
 class Trace {
   public:
-    explicit Trace(const Events& events) : events_(events) {}
-
-    void draw() {
+    void draw(const std::vector<PicturedEvent>& events) {
         add_name("process_name", kManagerProcess, "Manager");
-        std::map<int, Indices> clients;
-        Indices all(events_.size());
-        for (std::size_t i = 0; i < events_.size(); ++i) {
-            all[i] = i;
-            clients[events_[i].client].push_back(i);
+        std::map<int, Events> clients;
+        Events all;
+        for (const PicturedEvent& event : events) {
+            all.push_back(&event);
+            clients[event.client].push_back(&event);
         }
         int process = kManagerProcess;
-        for (const auto& [client, indices] : clients) {
+        for (const auto& [client, own] : clients) {
             add_name("process_name", ++process, fmt::format("client {}", client));
-            draw_instants(process, indices);
-            draw_requests(process, indices, 's');
+            draw_instants(process, own);
+            draw_requests(process, own, 's');
             std::vector<Track> tracks;
-            for (const Session& session : find_sessions(events_, indices)) {
+            for (const Session& session : find_sessions(own, events.back().begin)) {
                 draw_session(process, tracks, session);
             }
         }
         draw_requests(kManagerProcess, all, 'f');
     }
 
-    void write(std::ostream& output) {
-        // Of slices that begin at the same time, the one added first encloses the others.
-        const auto earlier = [](const auto& a, const auto& b) { return a.first < b.first; };
-        std::stable_sort(lines_.begin(), lines_.end(), earlier);
+    void write(std::ostream& output) const {
         const char* separator = "[\n";
         for (const auto& [time, line] : lines_) {
             output << std::exchange(separator, ",\n") << line;
@@ -128,41 +120,38 @@ class Trace {
     }
 
   private:
-    void draw_instants(int process, const Indices& indices) {
+    void draw_instants(int process, const Events& events) {
         const Track track = add_name("thread_name", process, "notices");
-        for (const std::size_t i : indices) {
-            const PicturedEvent& event = events_[i];
-            if (event.role == Role::Request || event.partner) continue;
-            add('i', track, event.begin, title(event),
-                R"("s":"t","args":{"packet":)" + json_value(event.text) + '}');
+        for (const PicturedEvent* const event : events) {
+            if (event->role == Role::Request || event->partner) continue;
+            add('i', track, event->begin, title(*event),
+                R"("s":"t","args":{"packet":)" + json_value(event->text) + '}');
         }
     }
 
     /// What clients ask, with one end of the flows between them and the Manager.
-    void draw_requests(int process, const Indices& indices, char flow) {
+    void draw_requests(int process, const Events& events, char flow) {
         std::vector<Track> tracks;
-        for (const std::size_t i : indices) {
-            const PicturedEvent& request = events_[i];
-            if (!is_asked_by(request, Kind::FromClient)) continue;
-            const Track track = take(tracks, process, "requests", request.begin, request.end);
-            draw_request(track, request, request.end);
-            add(flow, track, request.begin, request.type,
-                fmt::format(R"("cat":"request","id":{},"bp":"e")", i));
+        for (const PicturedEvent* const event : events) {
+            if (!is_asked_by(*event, Kind::FromClient)) continue;
+            const Track track = take(tracks, process, "requests", event->begin, event->end);
+            draw_request(track, *event, event->end);
+            add(flow, track, event->begin, event->type,
+                fmt::format(R"("cat":"request","id":{},"bp":"e")", event->line));
         }
     }
 
     void draw_session(int process, std::vector<Track>& tracks, const Session& session) {
         std::vector<Track> own;
-        for (const std::size_t i : session.requests) {
-            const PicturedEvent& request = events_[i];
-            Track* track = find_free(own, request.begin);
+        for (const PicturedEvent* const request : session.requests) {
+            Track* track = find_free(own, request->begin);
             if (track == nullptr) {
                 track = &own.emplace_back(
                     take(tracks, process, "sessions", session.begin, session.end));
                 add_slice(*track, session.begin, session.end, session.name, R"("cat":"session")");
             }
-            track->taken = std::min(request.end, session.end);
-            draw_request(*track, request, track->taken);
+            track->taken = std::min(request->end, session.end);
+            draw_request(*track, *request, track->taken);
         }
     }
 
@@ -171,9 +160,8 @@ class Trace {
         std::string args = "\"request\":" + json_value(request.text);
         if (task) args += ",\"arguments\":" + json_value(request.arguments);
         if (request.partner) {
-            const PicturedEvent& answer = events_[*request.partner];
-            if (task) args += ",\"status\":" + json_text(answer.outcome);
-            args += ",\"answer\":" + json_value(answer.text);
+            if (task) args += ",\"status\":" + json_text(request.partner->outcome);
+            args += ",\"answer\":" + json_value(request.partner->text);
         }
         add_slice(track, request.begin, end, task ? request.subject : title(request),
                   "\"cat\":\"" + request.type + "\",\"args\":{" + args + '}');
@@ -205,22 +193,23 @@ class Trace {
     /// `members` is what else the object holds, as in "a":1,"b":2.
     void add(char phase, const Track& track, Time time, const std::string& name,
              const std::string& members) {
-        lines_.emplace_back(
+        lines_.emplace(
             time, fmt::format(R"({{"ph":"{}","pid":{},"tid":{},"ts":{},"name":{},)", phase,
                               track.process, track.thread, microseconds(time), json_text(name)) +
                       members + '}');
     }
 
-    const Events& events_;
     int last_thread_ = 0;
-    std::vector<std::pair<Time, std::string>> lines_;
+    /// In the order of time; of slices that begin at the same time, the one added first encloses
+    /// the others.
+    std::multimap<Time, std::string> lines_;
 };
 
 }  // namespace
 
-void write_trace(const Events& events, std::ostream& output) {
-    Trace trace(events);
-    if (!events.empty()) trace.draw();
+void write_trace(const std::vector<PicturedEvent>& events, std::ostream& output) {
+    Trace trace;
+    if (!events.empty()) trace.draw(events);
     trace.write(output);
 }
 

@@ -5,7 +5,7 @@
 
 #include "manager/calls/statistics.h"
 #include "manager/console/console.h"
-#include "manager/recording/recorder.h"
+#include "manager/recording/recording.h"
 #include "manager/services/services.h"
 #include "manager/simulation/Manager.h"
 

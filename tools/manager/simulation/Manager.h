@@ -115,9 +115,6 @@ class SimulatedManager : public Answers {
     /// Waits until exactly `count` clients are connected; returns whether they are.
     bool wait_for_clients(std::size_t count, Timeout timeout);
 
-    /// Waits until the client that has or had this number is disconnected; returns whether it is.
-    bool wait_for_disconnect(int client, Timeout timeout);
-
     /// Waits until `done()`, which is called while the Manager is locked, after each packet and
     /// each change; returns whether it is. It must not call the Manager, but may ask what observers
     /// know.
@@ -171,15 +168,12 @@ class SimulatedManager : public Answers {
     };
     using TargetsByClient = std::map<int, std::vector<Target>>;
 
-    // Run on the Manager's thread.
     void serve();
-    bool handle_events(const std::vector<pollfd>& events);
+    // The caller of all below holds the lock; the first four run on the Manager's thread.
+    void handle_events(const std::vector<pollfd>& events);
     void accept_clients();
     bool receive_from(Client& client);
     void remove_closing_clients();
-    void disconnect_all();
-
-    // The caller of all below holds the lock.
     std::vector<int> client_numbers() const;
     std::vector<Packet> received_since(std::size_t position) const;
     std::vector<pollfd> poll_set() const;

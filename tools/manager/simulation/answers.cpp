@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "manager/base/durations.h"
 #include "manager/base/json.h"
 
 namespace manager {

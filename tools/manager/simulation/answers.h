@@ -17,6 +17,10 @@
 
 namespace manager {
 
+/// The longest time that anything here waits or is put off; keeps deadlines within the range of the
+/// clock and of poll().
+constexpr std::chrono::milliseconds kMaxDuration = std::chrono::hours(24);
+
 /// What clients ask for and the Manager answers by itself: the steps of their introduction, and
 /// the queries of permissions and of information.
 enum class Step { Init, Auth, Ready, Permission, Info };

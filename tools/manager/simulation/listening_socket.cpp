@@ -52,13 +52,6 @@ FileDescriptor lock_directory(const std::string& path) {
     return directory;
 }
 
-/// Whether a process holds the socket at the address. A probe of another socket type is turned
-/// down with a different error by a live socket than by a stale file, and is no client to either.
-bool is_alive(const sockaddr_un& address) {
-    const FileDescriptor probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    return with_address(connect, probe.get(), address) == 0 || errno != ECONNREFUSED;
-}
-
 /// The process that began to listen at the address, in words. To it this is a client that leaves at
 /// once: only a connection tells who is at its other end.
 std::string holder(const sockaddr_un& address) {
@@ -82,7 +75,11 @@ void remove_stale_socket(const std::string& path, const sockaddr_un& address) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) return;
     if (!S_ISSOCK(status.st_mode)) fail(path, "a file that is not a socket exists there");
-    if (is_alive(address)) fail(path, holder(address) + " is listening there");
+    // A probe of another socket type is turned down with a different error by a live socket than by
+    // a stale file, and is no client to either.
+    const FileDescriptor probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const bool is_alive = with_address(connect, probe.get(), address) == 0 || errno != ECONNREFUSED;
+    if (is_alive) fail(path, holder(address) + " is listening there");
     if (unlink(path.c_str()) != 0) fail(path);
 }
 
@@ -103,6 +100,16 @@ ListeningSocket::ListeningSocket(const std::string& path)
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
+}
+
+FileDescriptor ListeningSocket::accept() const {
+    FileDescriptor connection(accept4(get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    const int bytes = 1024 * 1024;
+    // Only who has the privilege may go beyond the limit of the system.
+    for (const int option : {SO_SNDBUF, SO_SNDBUFFORCE}) {
+        setsockopt(connection.get(), SOL_SOCKET, option, &bytes, sizeof(bytes));
+    }
+    return connection;
 }
 
 void ListeningSocket::remove_file() const {

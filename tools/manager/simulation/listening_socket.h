@@ -21,6 +21,10 @@ class ListeningSocket {
 
     int get() const { return socket_.get(); }
 
+    /// Accepts a connection that waits, prepared for packets of the largest size the system allows
+    /// us. Returns an invalid descriptor if none waits. Does not block.
+    FileDescriptor accept() const;
+
     /// Removes the socket file, unless it is no longer this one's: somebody may have removed it and
     /// listen there in its place.
     void remove_file() const;

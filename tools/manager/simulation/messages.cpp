@@ -12,18 +12,21 @@ namespace manager {
 namespace {
 
 /// `opcode_form` is the format of an opcode, of which messages have two.
-std::string targets_text(const std::vector<Target>& targets, fmt::string_view opcode_form) {
+std::string session_message(const char* req_type, std::int64_t session,
+                            std::optional<std::int64_t> transaction,
+                            const std::vector<Target>& targets,
+                            fmt::string_view opcode_form = "\"{:x}\"") {
     std::vector<std::string> groups;
-    for (const Target& target : targets) {
-        std::vector<std::string> subsystems;
-        for (const Subsystem id : target.subsystems) {
-            subsystems.push_back(fmt::format(R"({{"id":{}}})", id));
-        }
+    for (const auto& [opcode, subsystems] : targets) {
+        std::vector<std::string> ids;
+        for (const Subsystem id : subsystems) ids.push_back(fmt::format(R"({{"id":{}}})", id));
         groups.push_back(fmt::format(R"({{"id":{},"subsystems":[{}]}})",
-                                     fmt::format(fmt::runtime(opcode_form), target.opcode),
-                                     fmt::join(subsystems, ",")));
+                                     fmt::format(fmt::runtime(opcode_form), opcode),
+                                     fmt::join(ids, ",")));
     }
-    return fmt::format("[{}]", fmt::join(groups, ","));
+    return fmt::format(R"({{"req_type":"{}","session_id":{},{}"opcodes":[{}]}})", req_type, session,
+                       transaction ? fmt::format("\"transac_id\":{},", *transaction) : "",
+                       fmt::join(groups, ","));
 }
 
 std::string change_message(const char* req_type, const std::string& name, const std::string& value,
@@ -57,21 +60,16 @@ std::string opcode_text(Opcode opcode) {
 
 std::string start_session_message(std::int64_t session, std::int64_t transaction,
                                   const std::vector<Target>& targets) {
-    return fmt::format(
-        R"({{"req_type":"start_session","session_id":{},"transac_id":{},"opcodes":{}}})", session,
-        transaction, targets_text(targets, "\"{:x}\""));
+    return session_message("start_session", session, transaction, targets);
 }
 
 std::string ready_session_message(std::int64_t session, const std::vector<Target>& targets) {
-    return fmt::format(R"({{"req_type":"ready_session","session_id":{},"opcodes":{}}})", session,
-                       targets_text(targets, "\"{:x}\""));
+    return session_message("ready_session", session, std::nullopt, targets);
 }
 
 std::string end_session_message(std::int64_t session, std::int64_t transaction,
                                 const std::vector<Target>& targets) {
-    return fmt::format(
-        R"({{"req_type":"end_session","session_id":{},"transac_id":{},"opcodes":{}}})", session,
-        transaction, targets_text(targets, "{}"));
+    return session_message("end_session", session, transaction, targets, "{}");
 }
 
 std::string exec_task_message(const Task& task, std::int64_t transaction) {

@@ -8,15 +8,32 @@
 
 #include "manager/base/json.h"
 #include "manager/simulation/Manager.h"
-#include "manager/simulation/packet_socket.h"
 
 namespace manager {
 namespace {
 
-// The order of the poll set; the clients follow in their own order.
-constexpr std::size_t kWakeIndex = 0;
-constexpr std::size_t kListenerIndex = 1;
-constexpr std::size_t kFirstClientIndex = 2;
+/// The size in bytes of the largest packet that can be sent.
+std::size_t max_packet_size(int connection) {
+    // What the kernel keeps of a send buffer when it judges whether a packet fits.
+    constexpr int kReserve = 32;
+    int bytes = 0;
+    socklen_t size = sizeof(bytes);
+    getsockopt(connection, SOL_SOCKET, SO_SNDBUF, &bytes, &size);
+    return static_cast<std::size_t>(bytes - kReserve);
+}
+
+/// Receives a packet of any size, if there is one. Returns false once there will be no more.
+bool receive_packet(int connection, std::optional<std::string>& packet) {
+    const ssize_t size = recv(connection, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+    // A peer that closed without reading everything is reported once by ECONNRESET, before the
+    // packets it sent last; the end of those is reported by size 0.
+    if (size < 0) return errno == EAGAIN || errno == EINTR || errno == ECONNRESET;
+    pollfd state{connection, POLLRDHUP, 0};
+    if (size == 0 && poll(&state, 1, 0) > 0) return false;
+    std::string text(static_cast<std::size_t>(size), '\0');
+    if (recv(connection, text.data(), text.size(), 0) == size) packet = std::move(text);
+    return true;
+}
 
 }  // namespace
 
@@ -25,19 +42,20 @@ void SimulatedManager::wake_thread() const {
 }
 
 void SimulatedManager::serve() {
-    std::vector<pollfd> events;
-    int timeout = -1;
+    Lock lock(mutex_);
     do {
-        {
-            const Lock lock(mutex_);
-            events = poll_set();
-            timeout = poll_timeout();
-        }
+        std::vector<pollfd> events = poll_set();
+        const int timeout = poll_timeout();
+        lock.unlock();
         poll(events.data(), events.size(), timeout);
-    } while (handle_events(events));
-    disconnect_all();
+        lock.lock();
+        handle_events(events);
+        changed_.notify_all();
+    } while (running_);
 }
 
+/// The thread is woken by the first, clients connect by the second, and those that are connected
+/// follow.
 std::vector<pollfd> SimulatedManager::poll_set() const {
     std::vector<pollfd> set{{wake_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
     for (const Client& client : clients_) {
@@ -57,10 +75,8 @@ int SimulatedManager::poll_timeout() const {
     return std::max(0, static_cast<int>(std::chrono::ceil<Timeout>(left).count()));
 }
 
-/// Returns whether the thread shall go on.
-bool SimulatedManager::handle_events(const std::vector<pollfd>& events) {
-    const Lock lock(mutex_);
-    auto event = events.begin() + kFirstClientIndex;
+void SimulatedManager::handle_events(const std::vector<pollfd>& events) {
+    auto event = events.begin() + 2;
     for (Client& client : clients_) {
         const int happened = (event++)->revents;
         if (happened & POLLOUT) flush(client);
@@ -69,19 +85,19 @@ bool SimulatedManager::handle_events(const std::vector<pollfd>& events) {
         if (!client.closing) client.closing = Ending::Orderly;
     }
     send_due_answers();
+    eventfd_t ignored = 0;
+    if (events[0].revents != 0) eventfd_read(wake_.get(), &ignored);
+    // A client that waits to be accepted would see a reset.
+    const bool ends_orderly = !running_ && ending_ == Ending::Orderly;
+    if (ends_orderly) shutdown(listener_.get(), SHUT_RDWR);
+    if (ends_orderly || events[1].revents != 0) accept_clients();
+    if (!running_) begin_to_close(ending_);
     remove_closing_clients();
-    if (events[kListenerIndex].revents != 0) accept_clients();
-    if (events[kWakeIndex].revents != 0) {
-        eventfd_t ignored = 0;
-        eventfd_read(wake_.get(), &ignored);
-    }
-    changed_.notify_all();
-    return running_;
 }
 
 void SimulatedManager::accept_clients() {
     while (true) {
-        FileDescriptor connection = accept_connection(listener_.get());
+        FileDescriptor connection = listener_.accept();
         if (!connection.valid()) return;
         const std::size_t limit = max_packet_size(connection.get());
         clients_.push_back({++last_client_, std::move(connection), limit});
@@ -117,18 +133,6 @@ void SimulatedManager::remove_closing_clients() {
         client = clients_.erase(client);
         note(number, kind);
     }
-}
-
-void SimulatedManager::disconnect_all() {
-    const Lock lock(mutex_);
-    // A client that waits to be accepted sees a reset, too.
-    if (ending_ == Ending::Orderly) {
-        shutdown(listener_.get(), SHUT_RDWR);
-        accept_clients();
-    }
-    begin_to_close(ending_);
-    remove_closing_clients();
-    changed_.notify_all();
 }
 
 SimulatedManager::Client* SimulatedManager::find_client(int number) {
