@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
+#include <string>
 
 namespace manager {
 
@@ -8,6 +11,11 @@ namespace manager {
 struct ManagerError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+/// With the reason for which the last call of the system has failed.
+inline ManagerError system_failure(const std::string& what) {
+    return ManagerError(what + ": " + std::strerror(errno));
+}
 
 /// A command is not written as it should be; what() says what was expected.
 struct BadCommand : std::runtime_error {

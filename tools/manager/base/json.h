@@ -31,8 +31,6 @@ const Json::Value& member(const Json::Value& value, const char* name);
 /// member twice, nothing that only lenient readers take, nesting of at most 100.
 bool is_strict_json(const std::string& text);
 
-bool is_utf8(const std::string& text);
-
 /// Whether it is a control character of ASCII.
 inline bool is_control(char c) {
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;

@@ -25,22 +25,12 @@ bool is_strict_json(const std::string& text) {
         if (is_repeated || depth > kMaxNesting) is_strict = false;
         return is_strict;
     };
-    constexpr bool kThrows = false;
-    const json value = json::parse(text, check, kThrows);
+    const json value = json::parse(text, check, /*allow_exceptions=*/false);
     return is_strict && value.is_structured();
 }
 
-bool is_utf8(const std::string& text) try {
-    json(text).dump();
-    return true;
-} catch (const json::type_error&) {
-    return false;
-}
-
 std::string json_text(const std::string& text) {
-    constexpr int kCompact = -1;
-    constexpr bool kOnlyAscii = false;
-    return json(text).dump(kCompact, ' ', kOnlyAscii, json::error_handler_t::replace);
+    return json(text).dump(-1, ' ', /*ensure_ascii=*/false, json::error_handler_t::replace);
 }
 
 }  // namespace manager

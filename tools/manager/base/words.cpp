@@ -82,8 +82,7 @@ std::string Words::delimited(const char* what) {
         if (rest_[i] == '\\' && i + 1 < rest_.size() && rest_[i + 1] == delimiter) ++i;
         text += rest_[i];
     }
-    const bool closed = i < rest_.size();
-    if (!closed) throw BadCommand(fmt::format("{} has no closing {}", what, delimiter));
+    if (i >= rest_.size()) throw BadCommand(fmt::format("{} has no closing {}", what, delimiter));
     rest_.remove_prefix(i + 1);
     if (!rest_.empty() && kBlanks.find(rest_.front()) == std::string_view::npos) {
         throw BadCommand(fmt::format(

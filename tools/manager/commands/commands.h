@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "manager/base/words.h"
-#include "manager/recording/context.h"
+#include "manager/recording/traffic.h"
 
 namespace manager {
 

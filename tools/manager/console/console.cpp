@@ -2,7 +2,6 @@
 
 #include <fmt/chrono.h>
 #include <fmt/color.h>
-#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,12 +47,10 @@ std::string one_line(const std::string& text) {
     std::string result;
     result.reserve(text.size());
     for (const char c : text) {
-        if (c == '\n') {
-            result += "\\n";
-        } else if (is_control(c)) {
-            result += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
-        } else {
+        if (!is_control(c)) {
             result += c;
+        } else {
+            result += c == '\n' ? "\\n" : fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
         }
     }
     return result;
@@ -65,17 +62,16 @@ std::string aligned(const std::vector<Row>& rows, std::size_t first_number) {
         widths.resize(std::max(widths.size(), row.size()));
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
     }
-    std::vector<std::string> lines;
+    std::string text;
     for (const Row& row : rows) {
-        std::string line;
+        std::string line = text.empty() ? "" : "\n";
         for (std::size_t i = 0; i < row.size(); ++i) {
-            const std::string gap = i == 0 ? "" : "  ";
-            line += gap + (i < first_number ? fmt::format("{:<{}}", row[i], widths[i])
-                                            : fmt::format("{:>{}}", row[i], widths[i]));
+            const char* const form = i < first_number ? "{}{:<{}}" : "{}{:>{}}";
+            line += fmt::format(fmt::runtime(form), i == 0 ? "" : "  ", row[i], widths[i]);
         }
-        lines.push_back(line.substr(0, line.find_last_not_of(' ') + 1));
+        text += line.substr(0, line.find_last_not_of(' ') + 1);
     }
-    return fmt::format("{}", fmt::join(lines, "\n"));
+    return text;
 }
 
 bool shows_on_terminal() {

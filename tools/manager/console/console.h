@@ -1,6 +1,7 @@
 // What the program shows. Thread-safety: every member of Console may be called from any thread.
 #pragma once
 
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <mutex>
@@ -27,8 +28,8 @@ enum class Format { Text, Json };
 /// Prints whole lines, and keeps what stands below them on a terminal (a prompt, a status) there.
 class Console {
   public:
-    /// `show_events` is whether show() prints. Colours only terminals, and none
-    /// if the environment has NO_COLOR.
+    /// `show_events` is whether show() prints. Colours only terminals, and none if the environment
+    /// has NO_COLOR.
     explicit Console(bool show_events, Format format = Format::Text);
 
     Format format() const { return format_; }
@@ -59,10 +60,7 @@ class Console {
     void set_broken_output(std::function<void()> report) { broken_output_ = std::move(report); }
 
     /// Whether it has been, or would have been.
-    bool is_broken() {
-        const std::lock_guard lock(mutex_);
-        return broken_;
-    }
+    bool is_broken() const { return broken_; }
 
     /// While the lock is held nothing is printed; `redraw`, called under it after a line, shows the
     /// prompt again. An empty function means there is no prompt.
@@ -80,7 +78,7 @@ class Console {
     const bool colour_output_;
     const bool colour_errors_;
     std::mutex mutex_;
-    bool broken_ = false;
+    std::atomic<bool> broken_{false};
     std::string status_;
     std::function<void()> redraw_;
     std::function<void()> broken_output_;

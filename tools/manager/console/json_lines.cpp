@@ -24,20 +24,19 @@ std::string line(steady_clock::time_point time, system_clock::time_point wall_ti
         Seconds(time.time_since_epoch()).count(), event, members.empty() ? "" : ",", members);
 }
 
-/// Line ends outside strings, the only ones that strict JSON has, are no more than blanks.
-std::string without_line_ends(std::string json) {
-    std::replace_if(
-        json.begin(), json.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-    return json;
-}
-
-std::string content(const std::string& text) {
-    if (is_strict_json(text)) return "\"message\":" + without_line_ends(text);
-    const std::string member = "\"text\":" + json_text(text);
-    if (is_utf8(text)) return member;
+std::string content(std::string text) {
+    if (is_strict_json(text)) {
+        // Line ends outside strings, the only ones that strict JSON has, are no more than blanks.
+        std::replace_if(
+            text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+        return "\"message\":" + text;
+    }
+    const std::string shown = json_text(text);
+    // What is no UTF-8 has been replaced.
+    if (parse_json(shown) == text) return "\"text\":" + shown;
     std::string hex;
     for (const char c : text) hex += fmt::format("{:02x}", static_cast<unsigned char>(c));
-    return member + ",\"hex\":\"" + hex + '"';
+    return fmt::format(R"("text":{},"hex":"{}")", shown, hex);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "manager/prompt/line_source.h"
-#include "manager/recording/context.h"
+#include "manager/recording/traffic.h"
 
 namespace manager {
 

@@ -1,9 +1,6 @@
 #include "manager/recording/pictures.h"
 
-#include <cerrno>
-#include <cstring>
-
-#include "manager/base/error.h"
+#include <cstdio>
 
 namespace manager {
 
@@ -11,18 +8,14 @@ Pictures::Pictures(const std::string& trace, const std::string& diagram) {
     for (const auto& [name, write] : {std::pair(trace, &write_trace), {diagram, &write_diagram}}) {
         if (name.empty()) continue;
         pictures_.push_back({name, write, std::ofstream(name, std::ios::binary)});
-        if (!pictures_.back().file.is_open()) {
-            throw ManagerError("cannot write " + name + ": " + std::strerror(errno));
-        }
+        if (!pictures_.back().file.is_open()) throw system_failure("cannot write " + name);
     }
 }
 
 std::string Pictures::recording() {
     if (!recording_) {
         std::FILE* const file = std::tmpfile();
-        if (file == nullptr) {
-            throw ManagerError(std::string("no temporary file: ") + std::strerror(errno));
-        }
+        if (file == nullptr) throw system_failure("no temporary file");
         recording_.reset(file, std::fclose);
     }
     return "/proc/self/fd/" + std::to_string(fileno(recording_.get()));

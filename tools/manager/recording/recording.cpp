@@ -26,12 +26,12 @@ std::string bytes_of(const std::string& hex) {
 }
 
 /// The packet as it was, to the byte: the message is cut out of its line.
-std::optional<std::string> packet_text(const Json::Value& event, const std::string& line) {
+std::string packet_text(const Json::Value& event, const std::string& line) {
     const Json::Value& message = member(event, "message");
     if (message.isObject() || message.isArray()) return json_source(message, line);
     if (member(event, "hex").isString()) return bytes_of(member(event, "hex").asString());
     if (member(event, "text").isString()) return member(event, "text").asString();
-    return std::nullopt;
+    throw BadCommand("the packet has no \"message\" and no \"text\"");
 }
 
 /// Returns the other time where the event has none, or one that no clock shows.
@@ -66,10 +66,7 @@ std::optional<RecordedEvent> read_event(std::size_t number, const std::string& l
                             static_cast<Kind>(words - kKindWords.begin())},
                            number,
                            time.isString() ? time.asString() : ""};
-    if (!is_packet(recorded)) return recorded;
-    auto text = packet_text(event, line);
-    if (!text) throw BadCommand("the packet has no \"message\" and no \"text\"");
-    recorded.text = std::move(*text);
+    if (is_packet(recorded)) recorded.text = packet_text(event, line);
     return recorded;
 }
 
@@ -88,16 +85,13 @@ void leave_out_silent_clients(std::vector<RecordedEvent>& events) {
 std::vector<RecordedEvent> read_events(const std::string& file,
                                        const std::function<void(const std::string&)>& wrong) {
     std::ifstream input(file, std::ios::binary);
-    if (!input.is_open()) throw ManagerError("cannot read " + file + ": " + std::strerror(errno));
+    if (!input.is_open()) throw system_failure("cannot read " + file);
     std::vector<RecordedEvent> events;
-    Time time{};
     std::string line;
     for (std::size_t number = 1; std::getline(input, line); ++number) {
         try {
-            auto event = read_event(number, line, time);
-            if (!event) continue;
-            time = event->time;
-            events.push_back(std::move(*event));
+            const Time before = events.empty() ? Time() : events.back().time;
+            if (auto event = read_event(number, line, before)) events.push_back(std::move(*event));
         } catch (const BadCommand& error) {
             wrong(fmt::format("{}:{}: {}", file, number, error.what()));
         }

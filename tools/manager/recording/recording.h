@@ -1,8 +1,6 @@
 #pragma once
 
-#include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -25,8 +23,7 @@ class Recorder {
         const std::lock_guard lock(mutex_);
         name_ = name;
         file_ = std::ofstream(name, std::ios::binary);
-        if (file_.is_open()) return;
-        throw ManagerError("cannot write " + name + ": " + std::strerror(errno));
+        if (!file_.is_open()) throw system_failure("cannot write " + name);
     }
 
     /// Ends the recording, if there is one. Throws ManagerError if a part of it is lost, as on a

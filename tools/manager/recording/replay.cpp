@@ -87,7 +87,13 @@ Replay::~Replay() {
 
 void Replay::run() {
     for (const RecordedEvent& event : events_) play(event);
-    require_nothing_left();
+    while (note_next(std::chrono::milliseconds(0))) continue;
+    for (const auto& [number, client] : clients_) {
+        if (client.packets.empty()) continue;
+        fail(events_.back(),
+             fmt::format("{} packets came from client {} that were not recorded:\n    {}",
+                         client.packets.size(), number, shown(client.packets.front())));
+    }
     context_.console.report(fmt::format("replayed {}: {} packets sent, {} received as recorded",
                                         file_, sent_, received_),
                             "replayed",
@@ -215,17 +221,6 @@ int Replay::number_of(const RecordedEvent& event) {
         present_.pop_front();
     }
     return numbers_.at(event.client);
-}
-
-void Replay::require_nothing_left() {
-    while (note_next(std::chrono::milliseconds(0))) continue;
-    for (const auto& [number, client] : clients_) {
-        const auto& packets = client.packets;
-        if (packets.empty()) continue;
-        fail(events_.back(), fmt::format("{} packets came from client {} that were not recorded:"
-                                         "\n    {}",
-                                         packets.size(), number, shown(packets.front())));
-    }
 }
 
 void Replay::fail(const RecordedEvent& event, const std::string& reason) const {

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "manager/recording/context.h"
 #include "manager/recording/recording.h"
+#include "manager/recording/traffic.h"
 
 namespace manager {
 
@@ -64,7 +64,6 @@ class Replay {
     bool note_next(std::chrono::milliseconds timeout);
     int number_of(const RecordedEvent& event);
     Client& client_of(const RecordedEvent& event) { return clients_.at(number_of(event)); }
-    void require_nothing_left();
     [[noreturn]] void fail(const RecordedEvent& event, const std::string& reason) const;
 
     const std::string file_;

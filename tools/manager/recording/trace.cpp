@@ -23,11 +23,15 @@ struct Track {
     Time taken;
 };
 
-/// A track where a slice may begin at the time, or none.
-Track* find_free(std::vector<Track>& tracks, Time begin) {
-    const auto free = std::find_if(tracks.begin(), tracks.end(),
-                                   [&](const Track& track) { return track.taken <= begin; });
-    return free == tracks.end() ? nullptr : &*free;
+/// Takes a track where the slice may begin, and makes one if need be. Slices have to come in the
+/// order of their begins.
+template <typename Make>
+Track take(std::vector<Track>& tracks, Time begin, Time end, Make make) {
+    auto free = std::find_if(tracks.begin(), tracks.end(),
+                             [&](const Track& track) { return track.taken <= begin; });
+    if (free == tracks.end()) free = tracks.insert(tracks.end(), make());
+    free->taken = end;
+    return *free;
 }
 
 std::string microseconds(Time time) {
@@ -134,7 +138,8 @@ class Trace {
         std::vector<Track> tracks;
         for (const PicturedEvent* const event : events) {
             if (!is_asked_by(*event, Kind::FromClient)) continue;
-            const Track track = take(tracks, process, "requests", event->begin, event->end);
+            const Track track = take(tracks, event->begin, event->end,
+                                     [&] { return add_track(process, "requests", tracks.size()); });
             draw_request(track, *event, event->end);
             add(flow, track, event->begin, event->type,
                 fmt::format(R"("cat":"request","id":{},"bp":"e")", event->line));
@@ -144,14 +149,15 @@ class Trace {
     void draw_session(int process, std::vector<Track>& tracks, const Session& session) {
         std::vector<Track> own;
         for (const PicturedEvent* const request : session.requests) {
-            Track* track = find_free(own, request->begin);
-            if (track == nullptr) {
-                track = &own.emplace_back(
-                    take(tracks, process, "sessions", session.begin, session.end));
-                add_slice(*track, session.begin, session.end, session.name, R"("cat":"session")");
-            }
-            track->taken = std::min(request->end, session.end);
-            draw_request(*track, *request, track->taken);
+            const Time end = std::min(request->end, session.end);
+            const Track track = take(own, request->begin, end, [&] {
+                const Track outer = take(tracks, session.begin, session.end, [&] {
+                    return add_track(process, "sessions", tracks.size());
+                });
+                add_slice(outer, session.begin, session.end, session.name, R"("cat":"session")");
+                return outer;
+            });
+            draw_request(track, *request, end);
         }
     }
 
@@ -167,16 +173,10 @@ class Trace {
                   "\"cat\":\"" + request.type + "\",\"args\":{" + args + '}');
     }
 
-    /// The tracks of one kind are as many as are needed for slices that overlap. Slices have to
-    /// come in the order of their begins.
-    Track take(std::vector<Track>& tracks, int process, const char* kind, Time begin, Time end) {
-        Track* free = find_free(tracks, begin);
-        if (free == nullptr) {
-            const auto number = tracks.empty() ? "" : fmt::format(" ({})", tracks.size() + 1);
-            free = &tracks.emplace_back(add_name("thread_name", process, kind + number));
-        }
-        free->taken = end;
-        return *free;
+    /// The tracks of one kind are as many as are needed for slices that overlap.
+    Track add_track(int process, const char* kind, std::size_t others) {
+        const std::string number = others == 0 ? "" : fmt::format(" ({})", others + 1);
+        return add_name("thread_name", process, kind + number);
     }
 
     Track add_name(const char* kind, int process, const std::string& name) {

@@ -1,3 +1,4 @@
+// What commands and replays share: the Manager, the console and what follows the conversation.
 #pragma once
 
 #include <atomic>
@@ -5,6 +6,7 @@
 
 #include "manager/calls/statistics.h"
 #include "manager/console/console.h"
+#include "manager/console/interruption.h"
 #include "manager/recording/recording.h"
 #include "manager/services/services.h"
 #include "manager/simulation/Manager.h"
@@ -42,6 +44,18 @@ struct Traffic {
 
     std::mutex mutex_;
     std::optional<Filter> filter_;
+};
+
+/// What commands and replays work on.
+struct CommandContext {
+    SimulatedManager& manager;
+    Console& console;
+    const Interruption& interruption;
+    Traffic& traffic;
+    /// Set by the command that ends the program.
+    bool quit = false;
+    /// Whether a fault of a service makes the next command of a script fail.
+    bool strict = false;
 };
 
 }  // namespace manager

@@ -49,11 +49,8 @@ void SimulatedManager::set_observer(Observer observer) {
 
 void SimulatedManager::send(int number, const std::string& text) {
     const Lock lock(mutex_);
-    Client* const client = find_client(number);
-    if (client == nullptr) {
-        throw ManagerError("client " + std::to_string(number) + " is not connected");
-    }
-    deliver(*client, text);
+    if (Client* const client = find_client(number)) return deliver(*client, text);
+    throw ManagerError("client " + std::to_string(number) + " is not connected");
 }
 
 std::size_t SimulatedManager::send_to_all(const std::string& text) {
@@ -100,7 +97,8 @@ void SimulatedManager::set_answering(
     at_once(client_numbers());
 }
 
-bool SimulatedManager::wait(Lock& lock, Timeout timeout, const std::function<bool()>& done) {
+bool SimulatedManager::wait_until(const std::function<bool()>& done, Timeout timeout) {
+    Lock lock(mutex_);
     bool reached = false;
     changed_.wait_until(lock, Clock::now() + std::min(timeout, kMaxDuration), [&] {
         reached = done();
@@ -110,11 +108,10 @@ bool SimulatedManager::wait(Lock& lock, Timeout timeout, const std::function<boo
 }
 
 std::optional<Packet> SimulatedManager::expect(const Matcher& matcher, Timeout timeout) {
-    Lock lock(mutex_);
     std::optional<Packet> found;
     // Each packet is looked at once.
     std::size_t next = 0;
-    wait(lock, timeout, [&] {
+    const auto find = [&] {
         for (next = std::max({next, cursor_, first_}); next < first_ + log_.size(); ++next) {
             const Packet& packet = log_[next - first_];
             if (packet.kind != Kind::FromClient || !matcher(packet)) continue;
@@ -123,18 +120,13 @@ std::optional<Packet> SimulatedManager::expect(const Matcher& matcher, Timeout t
             return true;
         }
         return false;
-    });
+    };
+    wait_until(find, timeout);
     return found;
 }
 
 bool SimulatedManager::wait_for_clients(std::size_t count, Timeout timeout) {
-    Lock lock(mutex_);
-    return wait(lock, timeout, [&] { return clients_.size() == count; });
-}
-
-bool SimulatedManager::wait_until(const std::function<bool()>& done, Timeout timeout) {
-    Lock lock(mutex_);
-    return wait(lock, timeout, done);
+    return wait_until([&] { return clients_.size() == count; }, timeout);
 }
 
 void SimulatedManager::set_waiting(bool waiting) {
@@ -179,9 +171,8 @@ std::vector<Packet> SimulatedManager::received_since(std::size_t position) const
 
 std::optional<Reply> SimulatedManager::await_reply(std::optional<std::int64_t> transaction,
                                                    Timeout timeout) {
-    Lock lock(mutex_);
     std::optional<Reply> taken;
-    wait(lock, timeout, [&] {
+    const auto take = [&] {
         const auto reply = std::find_if(replies_.begin(), replies_.end(), [&](const Reply& r) {
             return r.transaction == transaction.value_or(r.transaction);
         });
@@ -189,7 +180,8 @@ std::optional<Reply> SimulatedManager::await_reply(std::optional<std::int64_t> t
         taken = std::move(*reply);
         replies_.erase(reply);
         return true;
-    });
+    };
+    wait_until(take, timeout);
     return taken;
 }
 
@@ -201,14 +193,12 @@ SimulatedManager::TargetsByClient SimulatedManager::by_client(const std::vector<
 
 /// The clients that the end of the whole session is for, without targets.
 SimulatedManager::TargetsByClient SimulatedManager::participants(std::int64_t session) const {
-    TargetsByClient started;
-    TargetsByClient all;
+    TargetsByClient started, others;
     for (const Client& client : clients_) {
         if (client.closing) continue;
-        all[client.number];
-        if (client.sessions.count(session) != 0) started[client.number];
+        (client.sessions.count(session) != 0 ? started : others)[client.number];
     }
-    return started.empty() ? all : started;
+    return started.empty() ? others : started;
 }
 
 std::int64_t SimulatedManager::start_session(std::int64_t session,

@@ -156,7 +156,6 @@ class SimulatedManager : public Answers {
     struct Client {
         int number;
         FileDescriptor connection;
-        std::size_t max_packet_size;
         /// The packets that the connection had no room for yet.
         std::deque<std::string> unsent = {};
         /// The sessions that were started for it.
@@ -189,7 +188,6 @@ class SimulatedManager : public Answers {
     void note(int client, Kind kind, const std::string& text = {});
     void handle(Client& client, const Packet& packet);
     void send_due_answers();
-    bool wait(Lock& lock, Timeout timeout, const std::function<bool()>& done);
     void wake_thread() const;
 
     const std::string path_;

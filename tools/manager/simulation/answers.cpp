@@ -13,14 +13,8 @@ struct Answers::RequestType {
     Step step;
     /// The members with the number that the answer repeats, and with the names that are asked for.
     const char* id = "";
-    const char* names = "";
-
-    bool is_query() const { return *names != '\0'; }
+    const char* names = nullptr;
 };
-
-void Answers::set_delay(Step step, std::chrono::milliseconds delay) {
-    rule(step).delay = std::min(delay, kMaxDuration);
-}
 
 void Answers::set_refused(Step step, std::optional<Opcode> opcode, bool refused) {
     const std::lock_guard lock(mutex_);
@@ -55,7 +49,7 @@ Answers::Answer Answers::answer_to(const Json::Value& message, const std::string
     if (type == kTypes.end()) return {};
     const Json::Value& id = member(message, type->id);
     const bool is_answerable =
-        type->step == Step::Init || (type->is_query() ? id.isInt64() : id.isUInt());
+        type->step == Step::Init || (type->names ? id.isInt64() : id.isUInt());
     if (!is_answerable) return {};
 
     const std::lock_guard lock(mutex_);
@@ -79,7 +73,7 @@ std::string Answers::text(const RequestType& type, const Json::Value& message, b
                            refused ? result : ++services_);
     }
     const std::int64_t id = member(message, type.id).asInt64();
-    if (!type.is_query()) {
+    if (type.names == nullptr) {
         return fmt::format(R"({{"req_type":"{}","opcode":"{}","result":{}{}}})", type.req_type, id,
                            result, fault.empty() ? "" : ",\"reason\":" + json_text(fault));
     }

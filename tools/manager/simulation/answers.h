@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -39,7 +40,9 @@ class Answers {
 
     /// Sends answers of the step that much later, up to 24 hours, unless their client has gone by
     /// then or the Manager stopped. They hold up nothing else.
-    void set_delay(Step step, std::chrono::milliseconds delay);
+    void set_delay(Step step, std::chrono::milliseconds delay) {
+        rule(step).delay = std::min(delay, kMaxDuration);
+    }
 
     /// Whether requests of the step get no answer at all, unless by send().
     void set_drop(Step step, bool drop) { rule(step).drop = drop; }

@@ -14,10 +14,8 @@ class Matcher {
     Matcher(const std::string& text);
     Matcher(const char* text) : Matcher(std::string(text)) {}
 
-    /// Matches the packets for which the predicate is true. The description of what is matched
-    /// follows the words "a packet".
-    explicit Matcher(std::function<bool(const Packet&)> predicate,
-                     std::string description = "fitting the predicate")
+    /// Matches the packets for which the predicate is true.
+    explicit Matcher(std::function<bool(const Packet&)> predicate, std::string description = "")
         : matches_(std::move(predicate)), description_(std::move(description)) {}
 
     /// Matches the packets that contain a match of a POSIX extended regular expression, however
@@ -25,6 +23,7 @@ class Matcher {
     static Matcher regex(const std::string& expression);
 
     bool operator()(const Packet& packet) const { return matches_(packet); }
+    /// What is matched, to follow the words "a packet".
     const std::string& description() const { return description_; }
 
   private:

@@ -99,8 +99,7 @@ void SimulatedManager::accept_clients() {
     while (true) {
         FileDescriptor connection = listener_.accept();
         if (!connection.valid()) return;
-        const std::size_t limit = max_packet_size(connection.get());
-        clients_.push_back({++last_client_, std::move(connection), limit});
+        clients_.push_back({++last_client_, std::move(connection)});
         note(last_client_, Kind::Connected);
     }
 }
@@ -151,10 +150,11 @@ SimulatedManager::Client& SimulatedManager::client_for(Opcode opcode) {
 
 /// Sends the packet, or queues it if the connection has no room for it now.
 void SimulatedManager::deliver(Client& client, const std::string& text) {
-    if (text.size() > client.max_packet_size) {
+    const std::size_t max = max_packet_size(client.connection.get());
+    if (text.size() > max) {
         throw ManagerError("a packet of " + std::to_string(text.size()) +
                            " bytes is larger than the system allows to send, which is " +
-                           std::to_string(client.max_packet_size) + " (see net.core.wmem_max)");
+                           std::to_string(max) + " (see net.core.wmem_max)");
     }
     enqueue(client, text);
 }
