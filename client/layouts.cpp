@@ -3,30 +3,41 @@
 // libraries: services are compiled against them. Nothing but the compiler runs this.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "vexon2_0.h"
 
 namespace {
 
-// In bytes. What depends on them: how large a text and a pointer are.
+struct Aligned {
+    char first;
+    std::int64_t second;
+};
+
+// In bytes. What depends on them: how large a text and a pointer are, and where 64 bits may begin.
 struct Layout {
-    std::size_t text, pointer;
+    std::size_t text, pointer, alignment;
     std::size_t permission_status, state, package, notification;  // of vexa_req_t
     std::size_t value_queue, type_queue, arguments;               // of vexon_func_call_info_t
     std::size_t opcode, func, return_value, call;                 // of _vexon_call_info_t
 };
 
 constexpr Layout kLayouts[] = {
-    {32, 8, 48, 56, 88, 120, 40, 48, 56, 16, 80, 116, 120},  // libstdc++, 64 bits
-    {24, 8, 40, 48, 72, 96, 32, 40, 48, 16, 64, 92, 96},     // libc++, 64 bits
-    {24, 4, 40, 48, 72, 96, 28, 32, 36, 16, 64, 92, 96},     // libstdc++, 32 bits
-    {12, 4, 32, 40, 52, 64, 16, 20, 24, 16, 40, 56, 60},     // libc++, 32 bits
+    {32, 8, 8, 48, 56, 88, 120, 40, 48, 56, 16, 80, 116, 120},  // libstdc++, 64 bits
+    {24, 8, 8, 40, 48, 72, 96, 32, 40, 48, 16, 64, 92, 96},     // libc++, 64 bits
+    {24, 4, 8, 40, 48, 72, 96, 28, 32, 36, 16, 64, 92, 96},     // libstdc++, 32 bits
+    {12, 4, 8, 32, 40, 52, 64, 16, 20, 24, 16, 40, 56, 60},     // libc++, 32 bits
+    {24, 4, 4, 40, 48, 72, 96, 28, 32, 36, 16, 64, 92, 96},     // libstdc++, 32-bit x86
+    {12, 4, 4, 28, 36, 48, 60, 16, 20, 24, 16, 40, 56, 60},     // libc++, 32-bit x86
 };
 
 constexpr Layout layout_here() {
     for (const Layout& layout : kLayouts) {
-        if (layout.text == sizeof(std::string) && layout.pointer == sizeof(void*)) return layout;
+        if (layout.text == sizeof(std::string) && layout.pointer == sizeof(void*) &&
+            layout.alignment == offsetof(Aligned, second)) {
+            return layout;
+        }
     }
     return {};
 }
