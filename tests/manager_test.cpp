@@ -98,13 +98,15 @@ class Simulated : public testing::Test {
     }
 
     /// Carries out commands, a line each, and what clients do, which connect when they first do
-    /// something: "A< TEXT" sends, "A> TEXT" receives, "A! " leaves, and "A? TYPE REQUEST =>
-    /// ANSWER" sends a packet of the type and receives another one.
+    /// something: "A+ " does nothing else, "A< TEXT" sends, "A> TEXT" receives, "A! " leaves, and
+    /// "A? TYPE REQUEST => ANSWER" sends a packet of the type and receives another one.
     void play(const std::string& text) {
         std::istringstream lines(text);
         for (std::string line; std::getline(lines, line);) {
             const std::string what = line.substr(1, 2);
-            if (what == "< ") {
+            if (what == "+ ") {
+                clients[line[0]];
+            } else if (what == "< ") {
                 clients[line[0]].send(line.substr(3));
             } else if (what == "> ") {
                 EXPECT_EQ(clients[line[0]].receive(), line.substr(3));
@@ -502,6 +504,8 @@ A> both
     const std::string six = R"(A< {"transac_id":6, "req_type":"exec_task","func":{}})";
     for (const auto& [lines, result] : std::vector<std::pair<std::string, std::string>>{
              {start + six + '\n' + five + "\nA! ", "no complaint"},
+             {"B+ \nB! \n" + start + six + '\n' + five + "\nA! ", "no complaint"},
+             {"B+ \nB! ", "no client connected"},
              {start + R"(A< {"req_type":"exec_task","transac_id":5,"func":{"out":[2]}})",
               ":8: client 1: the client answered differently, in func.out[0]"},
              {start + five, ":9: client 1: within 800 ms the client did not send\n"},

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <iterator>
 #include <optional>
 
 #include "manager/base/json.h"
@@ -124,12 +125,13 @@ void Replay::connect(const RecordedEvent& event) {
 }
 
 void Replay::receive(const RecordedEvent& event) {
-    Client& client = client_of(event);
     bool taken = false;
-    await(
-        event, [&] { return (taken = take_same(client.packets, event)) || !client.connected; },
-        [&] { return missing(client, event); });
-    if (!taken) fail(event, missing(client, event));
+    const auto is_decided = [&] {
+        Client& client = client_of(event);
+        return (taken = take_same(client.packets, event)) || !client.connected;
+    };
+    await(event, is_decided, [&] { return missing(client_of(event), event); });
+    if (!taken) fail(event, missing(client_of(event), event));
     ++received_;
 }
 
@@ -172,6 +174,7 @@ void Replay::send(const RecordedEvent& event) {
         if (query != queries_.end()) text.replace(id->begin, id->text.size(), query->second);
     }
     try {
+        client_of(event).silent = false;
         context_.manager.send(number_of(event), text);
     } catch (const ManagerError& error) {
         fail(event, error.what());
@@ -205,11 +208,18 @@ bool Replay::note_next(std::chrono::milliseconds timeout) {
     if (!event) return false;
     Client& client = clients_[event->client];
     if (event->kind == Kind::Connected) newcomers_.push_back(event->client);
-    if (event->kind == Kind::FromClient) client.packets.push_back(event->text);
+    if (event->kind == Kind::FromClient) {
+        client.packets.push_back(event->text);
+        client.silent = false;
+    }
     if (event->kind != Kind::Left && event->kind != Kind::Closed) return true;
     client.connected = false;
-    // One that says nothing is in no recording either.
-    if (client.packets.empty()) newcomers_.remove(event->client);
+    if (!client.silent) return true;
+    // One that says nothing is in no recording either, and stands for nobody: the next one does.
+    newcomers_.remove(event->client);
+    for (auto taken = numbers_.begin(); taken != numbers_.end();) {
+        taken = taken->second == event->client ? numbers_.erase(taken) : std::next(taken);
+    }
     return true;
 }
 

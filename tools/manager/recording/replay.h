@@ -28,9 +28,9 @@ struct ReplayOptions {
 ///
 /// Packets are sent in the order of the recording, each after those that clients had sent before it
 /// have come. What comes from a client may come in another order than it was recorded in. Clients
-/// are told apart by the order in which they connect; one that was connected already when the
-/// recording began stands for one that is connected already when this object is made, or else for
-/// the next one. A query is answered with its own "QueryId".
+/// are told apart by the order in which they connect, those left out that leave without a packet;
+/// one that was connected already when the recording began stands for one that is connected already
+/// when this object is made, or else for the next one. A query is answered with its own "QueryId".
 class Replay {
   public:
     /// Takes over from the Manager's own answers. Throws as read_recording() does. The context must
@@ -47,6 +47,8 @@ class Replay {
   private:
     struct Client {
         bool connected = true;
+        /// Whether no packet has come from it or gone to it.
+        bool silent = true;
         /// What came from it and has not been found in the recording yet.
         std::deque<std::string> packets = {};
     };
