@@ -15,7 +15,7 @@
 
 #include "contract.h"
 #include "fuzz/argument_writer.h"
-#include "manager/calls/latencies.h"
+#include "manager/services/services.h"
 #include "manager/simulation/Manager.h"
 #include "private_dev/enter_private_dev.h"
 

@@ -14,7 +14,7 @@
 #include "manager/base/json.h"
 #include "manager/commands/commands.h"
 #include "manager/console/json_lines.h"
-#include "manager/prompt/completion.h"
+#include "manager/prompt/prompt.h"
 #include "manager/recording/replay.h"
 
 namespace {
@@ -115,7 +115,7 @@ class Simulated : public testing::Test {
             } else if (what == "? ") {
                 ask(clients[line[0]], line.substr(3));
             } else {
-                parse_command(line)(context);
+                execute(line, context);
             }
         }
     }
@@ -389,9 +389,8 @@ A? AUTH "Service_Id":1,"Opcode":26,"Token":"t","api_def":)" +
          one_line_of(kLamp) + R"( => "opcode":"26","result":0
 A? REDY "Service_Id":1,"Opcode":26 => "opcode":"26","result":0)");
     const auto called = [&](const std::string& line) {
-        return std::async(std::launch::async, [this, line] {
-            return complaint([&] { parse_command(line)(context); });
-        });
+        return std::async(std::launch::async,
+                          [this, line] { return complaint([&] { execute(line, context); }); });
     };
     const std::string task =
         R"(A> {"req_type":"exec_task","opcode":"0x1a","subsys_id":3,"session_id":1000,"transac_id":)";
@@ -474,7 +473,7 @@ A? AUTH "Service_Id":1,"Opcode":26,"Token":"t","api_def":)" +
     for (const auto& [result, opcodes] :
          std::vector<std::pair<std::string, std::string>>{{"Failed", "[]"}, {"Success", "[]"}}) {
         auto refused = std::async(std::launch::async, [&] {
-            return complaint([&] { parse_command("call lamp.off x []")(context); });
+            return complaint([&] { execute("call lamp.off x []", context); });
         });
         clients['A'].receive();
         const std::string number = result == "Failed" ? "1000" : "1001";
@@ -623,6 +622,8 @@ TEST(Services, FindWhatIsWrongWithWhatClientsSend) {
 < {"req_type":"PERMISSION","Session_Id":5,"QueryId":1,"Permissions":["A"]}
 > {"req_type":"end_session","session_id":5,"opcodes":[]}
 < {"req_type":"end_session","session_id":5,"Result":"Success"}
+< {"req_type":"end_session","session_id":5,"Result":"Success"}
+! end_session that the Manager has not asked for
 < {"req_type":"INFO_QUERY","Session_Id":5,"QueryId":1,"QueryInfos":["A"]}
 ! session 5, in which it takes no part
 < {"req_type":"REGS"}

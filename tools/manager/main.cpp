@@ -15,7 +15,6 @@
 #include "manager/console/console.h"
 #include "manager/console/interruption.h"
 #include "manager/prompt/prompt.h"
-#include "manager/prompt/script.h"
 #include "manager/recording/pictures.h"
 #include "manager/recording/replay.h"
 #include "manager/services/service_process.h"
@@ -66,10 +65,10 @@ struct Options {
     std::string script;
     std::string record;
     std::string replay;
+    ReplayOptions replay_options;
     std::string trace;
     std::string diagram;
     std::string from;
-    std::vector<std::string> ignored;
     std::string check;
     std::optional<std::string> watch;
     std::vector<std::string> service;
@@ -83,36 +82,21 @@ int fail(int status, const std::string& message) {
     return status;
 }
 
-int run_standard_input(CommandContext& context) {
-    if (isatty(STDIN_FILENO) != 0 && context.console.format() == Format::Text &&
-        shows_on_terminal()) {
-        Prompt prompt(context);
-        run_prompt(prompt, context);
-        return kSucceeded;
-    }
-    FileLines lines(FileDescriptor(dup(STDIN_FILENO)), context.interruption);
-    if (isatty(STDIN_FILENO) == 0) return run_script(lines, "<stdin>", context);
-    run_prompt(lines, context);
-    return kSucceeded;
-}
+constexpr auto complain = [](const std::string& message) { fail(0, message); };
 
 int run_commands(const Options& options, CommandContext& context) {
-    if (options.watch) {
-        return run_step(
-            "watch " + *options.watch,
-            [&](CommandContext& c) { parse_command("watch " + *options.watch)(c); }, context);
-    }
-    if (options.script.empty()) return run_standard_input(context);
-    FileDescriptor file(open(options.script.c_str(), O_RDONLY | O_CLOEXEC));
+    if (options.watch) return run_command("watch " + *options.watch, context);
+    FileDescriptor file(options.script.empty()
+                            ? dup(STDIN_FILENO)
+                            : open(options.script.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.valid()) {
         return fail(kBadUsage, "cannot read " + options.script + ": " + std::strerror(errno));
     }
-    FileLines lines(std::move(file), context.interruption);
-    return run_script(lines, options.script, context);
-}
-
-void complain(const std::string& message) {
-    fail(0, message);
+    const LineSource lines = file_lines(file.get(), context.interruption);
+    if (!options.script.empty()) return run_script(lines, options.script, context);
+    if (isatty(STDIN_FILENO) == 0) return run_script(lines, "<stdin>", context);
+    const bool can_edit = options.format == Format::Text && shows_on_terminal();
+    return run_prompt(can_edit ? edited_lines(context) : lines, context);
 }
 
 int draw_recording(const Options& options) try {
@@ -128,7 +112,7 @@ int draw_recording(const Options& options) try {
 int end(int status, CommandContext& context, std::optional<Pictures>& pictures) {
     // The ends of the connections belong to the recording and the pictures.
     context.manager.stop();
-    if (context.traffic.calls.has_news()) show_calls(context);
+    if (context.traffic.services.has_new_figures()) show_calls(context);
     try {
         context.traffic.recorder.stop();
         context.traffic.pictured.stop();
@@ -138,25 +122,6 @@ int end(int status, CommandContext& context, std::optional<Pictures>& pictures) 
         if (status == kSucceeded) status = kCommandFailed;
     }
     return context.console.is_broken() ? kInterrupted + SIGPIPE : status;
-}
-
-ReplayOptions replay_options(const Options& options) {
-    ReplayOptions result;
-    result.ignored.insert(options.ignored.begin(), options.ignored.end());
-    return result;
-}
-
-/// Opens the files of the command line. Throws ManagerError.
-void open_files(const Options& options, CommandContext& context, std::optional<Replay>& replay,
-                std::optional<Pictures>& pictures) {
-    // Before the Manager listens: no service may be answered otherwise than recorded.
-    if (!options.replay.empty()) {
-        replay.emplace(options.replay, replay_options(options), context);
-    }
-    if (!options.record.empty()) context.traffic.recorder.start(options.record);
-    if (options.trace.empty() && options.diagram.empty()) return;
-    pictures.emplace(options.trace, options.diagram);
-    context.traffic.pictured.start(pictures->recording());
 }
 
 int run(const Options& options) {
@@ -171,7 +136,14 @@ int run(const Options& options) {
     std::optional<Replay> replay;
     std::optional<Pictures> pictures;
     try {
-        open_files(options, context, replay, pictures);
+        // Before the Manager listens: no service may be answered otherwise than recorded.
+        if (!options.replay.empty())
+            replay.emplace(options.replay, options.replay_options, context);
+        if (!options.record.empty()) traffic.recorder.start(options.record);
+        if (!options.trace.empty() || !options.diagram.empty()) {
+            pictures.emplace(options.trace, options.diagram);
+            traffic.pictured.start(pictures->recording());
+        }
     } catch (const ManagerError& error) {
         return fail(kCommandFailed, error.what());
     }
@@ -182,10 +154,8 @@ int run(const Options& options) {
             if (options.script.empty()) Interruption::interrupt(SIGTERM);
         });
     }
-    int status =
-        replay ? run_step(
-                     "--replay " + options.replay, [&](CommandContext&) { replay->run(); }, context)
-               : run_commands(options, context);
+    int status = replay ? run_step("--replay " + options.replay, context, [&] { replay->run(); })
+                        : run_commands(options, context);
     if (service) {
         const int service_status = service->end();
         if (status == kSucceeded) status = service_status;
@@ -200,12 +170,11 @@ int check_definition(const std::string& name) {
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     if (!file) return fail(kBadUsage, "cannot read " + name);
     const std::size_t begin = std::min(text.find('{'), text.size());
-    const std::string json = text.substr(begin);
     JsonError error;
-    const auto api_def = parse_json(json, &error);
+    const auto api_def = parse_json(text.substr(begin), &error);
     Faults faults;
+    if (api_def) manager::check_definition(*api_def, faults);
     if (!api_def) faults.push_back({"no JSON: " + error.what, error.offset});
-    const Definition definition = api_def ? read_definition(*api_def, faults) : Definition();
     for (const Fault& fault : faults) {
         const std::string before = text.substr(0, begin + fault.offset);
         const auto line = std::count(before.begin(), before.end(), '\n') + 1;
@@ -213,21 +182,21 @@ int check_definition(const std::string& name) {
         std::cout << name << ':' << line << ':' << column << ": " << fault.what << '\n';
     }
     if (!faults.empty()) return kCommandFailed;
-    for (const Function& function : definition.functions) {
-        std::cout << definition.name << '.' << signature(function) << '\n';
+    const Json::Value& service = member(*api_def, "Vexon");
+    for (const Json::Value& function : array_of(service, "functions")) {
+        std::cout << name_of(service) << '.' << signature(function) << '\n';
     }
     return kSucceeded;
 }
 
 /// Has the whole program run inside a private /dev, where the Manager may have its real path.
 /// Returns only if that is not possible.
-void enter_private_dev(char** argv) {
+void enter_private_dev(int argc, char** argv) {
     std::string self = std::filesystem::read_symlink("/proc/self/exe");
     const std::string folder = std::filesystem::path(self).parent_path();
     std::string separator = "--";
     std::vector<char*> command{nullptr, separator.data(), self.data()};
-    for (char** argument = argv + 1; *argument != nullptr; ++argument) command.push_back(*argument);
-    command.push_back(nullptr);
+    command.insert(command.end(), argv + 1, argv + argc + 1);
     for (std::string tool :
          {folder + "/vexon-private-dev", folder + "/../private_dev/vexon-private-dev"}) {
         command[0] = tool.data();
@@ -257,54 +226,46 @@ int main(int argc, char** argv) try {
     app.footer(kFooter);
     app.formatter(std::make_shared<Help>());
     app.set_version_flag("--version", "vexon-manager " VEXON_VERSION);
-    auto* path = app.add_option("--path", options.path, "Listen at this path")
-                     ->type_name("PATH")
-                     ->capture_default_str();
+    const auto exists = [](const std::string& file) { return CLI::ExistingFile(file); };
+    const auto option = [&](const char* name, auto& value, const char* type, const char* help) {
+        return app.add_option(name, value, help)->type_name(type);
+    };
+    auto* path = option("--path", options.path, "PATH", "Listen at this path");
+    path->capture_default_str();
     app.add_flag_callback(
            "--dedicated", [&] { options.path = kDedicatedPath; },
            std::string("Listen at the dedicated path, ") + kDedicatedPath)
         ->excludes(path);
-    const auto exists = [](const std::string& file) { return CLI::ExistingFile(file); };
-    auto* script = app.add_option("--script", options.script, "Take the commands from this file")
-                       ->type_name("FILE")
-                       ->check(exists);
-    auto* record = app.add_option("--record", options.record, "Write the conversation to this file")
-                       ->type_name("FILE");
-    app.add_option("--trace", options.trace,
-                   "Write the conversation to this file at the end, for trace viewers")
-        ->type_name("FILE");
-    app.add_option("--diagram", options.diagram,
-                   "Write it to this file at the end, as a page with a sequence diagram")
-        ->type_name("FILE.html");
-    auto* replay =
-        app.add_option(
-               "--replay", options.replay,
-               "Play the Manager's side of the conversation that was recorded in this file, "
-               "and end")
-            ->type_name("FILE")
-            ->check(exists)
-            ->excludes(script);
-    app.add_option("--ignore", options.ignored,
-                   "Members that --replay does not compare, as help replay explains")
+    auto* script = option("--script", options.script, "FILE", "Take the commands from this file");
+    script->check(exists);
+    auto* record =
+        option("--record", options.record, "FILE", "Write the conversation to this file");
+    option("--trace", options.trace, "FILE",
+           "Write the conversation to this file at the end, for trace viewers");
+    option("--diagram", options.diagram, "FILE.html",
+           "Write it to this file at the end, as a page with a sequence diagram");
+    auto* replay = option(
+        "--replay", options.replay, "FILE",
+        "Play the Manager's side of the conversation that was recorded in this file, and end");
+    replay->check(exists)->excludes(script);
+    app.add_option_function<std::vector<std::string>>(
+           "--ignore",
+           [&](const auto& names) {
+               options.replay_options.ignored.insert(names.begin(), names.end());
+           },
+           "Members that --replay does not compare, as help replay explains")
         ->type_name("NAME")
         ->needs(replay);
-    app.add_option("--from", options.from,
-                   "Take the conversation for --trace and --diagram from this recording, and end")
-        ->type_name("RECORDING")
+    option("--from", options.from, "RECORDING",
+           "Take the conversation for --trace and --diagram from this recording, and end")
         ->check(exists)
-        ->excludes(script)
-        ->excludes(replay)
-        ->excludes(record);
-    app.add_option(
-           "--check", options.check,
-           "Check the definition of a service in this file, print what it declares, and end")
-        ->type_name("FILE");
-    app.add_option("--watch", options.watch,
-                   "Show only packets that fit, as help watch explains, until a signal comes")
-        ->type_name("[FILTER]")
+        ->excludes(script, replay, record);
+    option("--check", options.check, "FILE",
+           "Check the definition of a service in this file, print what it declares, and end");
+    option("--watch", options.watch, "[FILTER]",
+           "Show only packets that fit, as help watch explains, until a signal comes")
         ->expected(0, 1)
-        ->excludes(script)
-        ->excludes(replay);
+        ->excludes(script, replay);
     app.add_flag("--strict", options.strict,
                  "Fail if a service sends what is not as it should be, instead of warning");
     app.add_flag("--quiet", options.quiet, "Do not print packets");
@@ -321,7 +282,7 @@ int main(int argc, char** argv) try {
     const bool is_real_path = options.path == kDefaultPath || options.path == kDedicatedPath;
     const std::string folder = std::filesystem::path(options.path).parent_path();
     if (!options.service.empty() && is_real_path && access(folder.c_str(), W_OK) != 0) {
-        enter_private_dev(argv);
+        enter_private_dev(argc, argv);
         return fail(kCannotRun, "cannot run vexon-private-dev");
     }
     return run(options);

@@ -1,42 +1,53 @@
 #pragma once
 
-#include <histedit.h>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
 
-#include <memory>
-
-#include "manager/prompt/line_source.h"
-#include "manager/recording/traffic.h"
+#include "manager/commands/commands.h"
 
 namespace manager {
 
-/// The lines a user edits on the terminal, with a history. Lines that the console prints meanwhile
-/// appear above the prompt.
-class Prompt : public LineSource {
-  public:
-    /// The context must outlive this object.
-    explicit Prompt(CommandContext& context);
-    /// Keeps the history for the next time, in the user's state directory.
-    ~Prompt() override;
-    Prompt(const Prompt&) = delete;
-    Prompt& operator=(const Prompt&) = delete;
-
-    std::optional<std::string> next() override;
-
-  private:
-    static int read_character(EditLine* editor, wchar_t* character);
-    int read_character(wchar_t& character);
-    void remember(const char* line);
-    static unsigned char complete(EditLine* editor, int key);
-
-    Console& console_;
-    const Interruption& interruption_;
-    const Services& services_;
-    std::unique_ptr<History, void (*)(History*)> history_;
-    std::unique_ptr<EditLine, void (*)(EditLine*)> editor_;
-    /// Whether the line that was begun is given up.
-    bool cancelled_ = false;
-    /// Held while the editor draws, released while it waits for a key.
-    std::unique_lock<std::mutex> console_lock_;
+/// How the program ends.
+enum ExitStatus : int {
+    kSucceeded = 0,
+    kCommandFailed = 1,
+    kBadUsage = 2,
+    kCannotRun = 3,
+    /// Plus the number of the signal that interrupted a command.
+    kInterrupted = 128,
 };
+
+/// Where command lines come from: waits for the next line and returns it without its end; nothing
+/// at the end of the lines or when the program is interrupted.
+using LineSource = std::function<std::optional<std::string>()>;
+
+/// The lines of a file or pipe, which stays open. Reads what there is without waiting for more, so
+/// that a line of a pipe is available as soon as it is written.
+LineSource file_lines(int file, const Interruption& interruption);
+
+/// The lines a user edits on the terminal, with a history that is kept for the next time, in the
+/// user's state directory. Lines that the console prints meanwhile appear above the prompt. The
+/// context must outlive the source.
+LineSource edited_lines(CommandContext& context);
+
+/// The words that the last word of `line`, an unfinished command, can become, sorted: commands,
+/// their options, the words that an argument is one of, files, and what the services declare. A
+/// word that goes on ends in a slash, a dot or an equals sign.
+std::vector<std::string> completions(const std::string& line, const Services& services);
+
+// Return the exit status, of the first that fails.
+
+/// Carries out a step that no command asks for, named `name`. The message of a failure begins with
+/// `where`.
+int run_step(const std::string& name, CommandContext& context, const std::function<void()>& step,
+             const std::string& where = "");
+int run_command(const std::string& line, CommandContext& context, const std::string& where = "");
+/// Carries out the commands of a script, named `name` in messages, until it ends, one of them
+/// fails or the program is interrupted.
+int run_script(const LineSource& lines, const std::string& name, CommandContext& context);
+/// Carries out the commands of a user, who is told what fails and goes on.
+int run_prompt(const LineSource& lines, CommandContext& context);
 
 }  // namespace manager

@@ -11,7 +11,6 @@ void Traffic::follow(SimulatedManager& manager, Console& console) {
         recorder.add(event);
         pictured.add(event);
         if (events) events->push_back(event);
-        if (message) calls.add(event, *message);
         for (const std::string& fault : services.add(event, message)) {
             console.fault(event.client, fault);
             ++faults;

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <deque>
 
-#include "manager/calls/statistics.h"
 #include "manager/console/console.h"
 #include "manager/console/interruption.h"
 #include "manager/recording/recording.h"
@@ -18,7 +17,6 @@ struct Traffic {
     Recorder recorder;
     /// Records for pictures, whatever the commands record.
     Recorder pictured;
-    CallStatistics calls;
     /// What has happened since a replay began to follow. The lock of the Manager guards it.
     std::optional<std::deque<Event>> events;
     Services services;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 #include <set>
 
 #include "manager/base/json.h"
@@ -14,59 +13,58 @@
 namespace manager {
 namespace {
 
-using std::numeric_limits;
-
 struct Scalar {
     const char* name;
-    const char* example;
-    bool (*accepts)(const Json::Value& value);
     /// The range of an integer.
     std::int64_t min = 0;
     std::uint64_t max = 0;
+    /// Of another type.
+    const char* example = "0";
+    bool (Json::Value::*is_one)() const = nullptr;
 };
 
-template <typename T>
-constexpr Scalar integer(const char* name) {
-    const auto accepts = [](const Json::Value& value) {
-        if constexpr (std::is_signed_v<T>) {
-            return value.isInt64() && value.asInt64() >= numeric_limits<T>::min() &&
-                   value.asInt64() <= numeric_limits<T>::max();
-        } else {
-            return value.isUInt64() && value.asUInt64() <= numeric_limits<T>::max();
-        }
-    };
-    return {name, "0", accepts, static_cast<std::int64_t>(numeric_limits<T>::min()),
-            static_cast<std::uint64_t>(numeric_limits<T>::max())};
-}
-
-bool is_string(const Json::Value& value) {
-    return value.isString();
-}
-
 constexpr std::array<Scalar, 13> kScalars{{
-    integer<std::uint8_t>("uint8"),
-    integer<std::uint16_t>("uint16"),
-    integer<std::uint32_t>("uint32"),
-    integer<std::uint64_t>("uint64"),
-    integer<std::int8_t>("int8"),
-    integer<std::int16_t>("int16"),
-    integer<std::int32_t>("int32"),
-    integer<std::int64_t>("int64"),
-    integer<std::int32_t>("enum"),
-    {"double", "0.0", [](const Json::Value& value) { return value.isNumeric(); }},
-    {"boolean", "false", [](const Json::Value& value) { return value.isBool(); }},
-    {"string", "\"\"", is_string},
-    {"bnry_blb", "\"\"", is_string},
+    {"uint8", 0, UINT8_MAX},
+    {"uint16", 0, UINT16_MAX},
+    {"uint32", 0, UINT32_MAX},
+    {"uint64", 0, UINT64_MAX},
+    {"int8", INT8_MIN, INT8_MAX},
+    {"int16", INT16_MIN, INT16_MAX},
+    {"int32", INT32_MIN, INT32_MAX},
+    {"int64", INT64_MIN, INT64_MAX},
+    {"enum", INT32_MIN, INT32_MAX},
+    {"double", 0, 0, "0.0", &Json::Value::isNumeric},
+    {"boolean", 0, 0, "false", &Json::Value::isBool},
+    {"string", 0, 0, "\"\"", &Json::Value::isString},
+    {"bnry_blb", 0, 0, "\"\"", &Json::Value::isString},
 }};
 
+/// Null if there is none.
 const Scalar* find_scalar(const std::string& name) {
     const auto* const scalar = std::find_if(kScalars.begin(), kScalars.end(),
                                             [&](const Scalar& s) { return s.name == name; });
     return scalar == kScalars.end() ? nullptr : scalar;
 }
 
-bool has_no_value(const std::string& type) {
-    return type == "cb" || type == "none";
+bool accepts(const Scalar& type, const Json::Value& value) {
+    if (type.is_one != nullptr) return (value.*type.is_one)();
+    return value.isUInt64() ? value.asUInt64() <= type.max
+                            : value.isInt64() && value.asInt64() >= type.min;
+}
+
+std::string type_of(const Json::Value& field) {
+    return text_of(member(field, "type"));
+}
+
+bool is_vector(const Json::Value& field) {
+    return type_of(field) == "vector";
+}
+
+/// The field that each element of a vector is.
+Json::Value element_of(Json::Value vector) {
+    vector["type"] = member(vector, "vec_type");
+    vector.removeMember("vec_type");
+    return vector;
 }
 
 std::string kind_of(const Json::Value& value) {
@@ -76,284 +74,233 @@ std::string kind_of(const Json::Value& value) {
     return kKinds.at(value.type());
 }
 
-std::size_t offset_of(const Json::Value& value) {
-    return static_cast<std::size_t>(std::max<std::ptrdiff_t>(value.getOffsetStart(), 0));
+void require(bool holds, Faults& faults, const Json::Value& at, const std::string& fault) {
+    const auto offset = std::max<std::ptrdiff_t>(at.getOffsetStart(), 0);
+    if (!holds) faults.push_back({fault, static_cast<std::size_t>(offset)});
 }
 
-/// Reads a definition from top to bottom.
-class Reader {
-  public:
-    explicit Reader(Faults& faults) : faults_(faults) {}
-
-    Definition read(const Json::Value& api_def);
-
-  private:
-    void fault(const Json::Value& at, const std::string& path, const std::string& what) {
-        faults_.push_back({path + ": " + what, offset_of(at)});
-    }
-    std::string name(const Json::Value& owner, const std::string& path,
-                     std::set<std::string>* others);
-    const Json::Value& array(const Json::Value& owner, const char* key, const std::string& path,
-                             bool required = false);
-    Function function(const Json::Value& value, const std::string& path,
-                      std::set<std::string>* others);
-    enum class Place { Argument, Member, Result };
-    Fields fields(const Json::Value& array, const std::string& path, Place place);
-    Field field(const Json::Value& value, const std::string& path, Place place);
-
-    Faults& faults_;
-};
-
-std::string at(const std::string& path, const char* key, Json::ArrayIndex index) {
-    return fmt::format("{}.{}[{}]", path, key, index);
-}
-
-std::string Reader::name(const Json::Value& owner, const std::string& path,
-                         std::set<std::string>* others) {
+/// Adds the name to those of the neighbours.
+void check_name(const Json::Value& owner, const std::string& path, std::set<std::string>& others,
+                Faults& faults) {
     const Json::Value& value = member(owner, "name");
-    if (!value.isString() || value.asString().empty()) {
-        fault(owner, path, value.isNull() ? "\"name\" is missing" : "\"name\" is empty or no text");
-        return {};
-    }
-    const std::string text = value.asString();
+    const std::string name = text_of(value);
+    const char* const what = value.isNull() ? "is missing" : "is empty or no text";
+    require(!name.empty(), faults, owner, fmt::format("{}: \"name\" {}", path, what));
     const bool is_plain = std::none_of(
-        text.begin(), text.end(), [](char c) { return c == '"' || c == '\\' || is_control(c); });
-    if (!is_plain) fault(value, path, "a name is without quotes, backslashes, control characters");
-    if (others != nullptr && !others->insert(text).second) {
-        fault(value, path, fmt::format("there is another \"{}\"", text));
-    }
-    return text;
+        name.begin(), name.end(), [](char c) { return c == '"' || c == '\\' || is_control(c); });
+    require(is_plain, faults, value,
+            path + ": a name is without quotes, backslashes, control characters");
+    require(name.empty() || others.insert(name).second, faults, value,
+            fmt::format("{}: there is another \"{}\"", path, name));
 }
 
-/// An empty array if it is missing or none.
-const Json::Value& Reader::array(const Json::Value& owner, const char* key, const std::string& path,
-                                 bool required) {
-    static const Json::Value kNone(Json::arrayValue);
+/// Returns what array_of() does.
+const Json::Value& check_array(const Json::Value& owner, const char* key, const std::string& path,
+                               bool required, Faults& faults) {
     const Json::Value& value = member(owner, key);
-    if (value.isArray() && !(required && value.empty())) return value;
-    if (required || !value.isNull()) {
-        fault(value.isNull() ? owner : value, path,
-              fmt::format("\"{}\" {}", key,
-                          value.isNull() ? "is missing" : "has to be an array, and not empty"));
-    }
-    return kNone;
+    const bool is_missing = value.isNull();
+    require(!is_missing || !required, faults, owner,
+            fmt::format("{}: \"{}\" is missing", path, key));
+    require(is_missing || (value.isArray() && !(required && value.empty())), faults, value,
+            fmt::format("{}: \"{}\" has to be an array, and not empty", path, key));
+    return array_of(owner, key);
 }
 
-Definition Reader::read(const Json::Value& api_def) {
-    const Json::Value& service = member(api_def, "Vexon");
-    Definition definition;
-    if (!service.isObject()) {
-        fault(api_def, "definition", "\"Vexon\" is missing");
-        return definition;
+enum class Place { Argument, Member, Result };
+
+void check_fields(const Json::Value& fields, const std::string& path, Place place, Faults& faults);
+
+void check_type(const Json::Value& field, const std::string& path, Place place, Faults& faults) {
+    const char* const key = is_vector(field) ? "vec_type" : "type";
+    const Json::Value& value = member(field, key);
+    const std::string type = text_of(value);
+    const bool is_struct = type == "struct";
+    require(!value.isNull(), faults, field, fmt::format("{}: \"{}\" is missing", path, key));
+    require(value.isNull() || is_struct || find_scalar(type) != nullptr || !has_value(field),
+            faults, value, fmt::format("{}: there is no {} \"{}\"", path, key, type));
+    require(!is_struct || !is_vector(field) || place != Place::Member, faults, field,
+            path + ": a vector of structs may be an argument only");
+    if (is_struct) {
+        check_fields(check_array(field, "members", path, true, faults), path + ".members",
+                     place == Place::Result ? place : Place::Member, faults);
     }
-    const Json::Value& opcode = member(service, "opcode");
-    if (const auto number = hexadecimal(opcode.isString() ? opcode.asString() : "")) {
-        definition.opcode = *number;
-    } else {
-        fault(service, "Vexon", "\"opcode\" has to be a hexadecimal text");
-    }
-    definition.name = name(service, "Vexon", nullptr);
-    for (const Json::Value& subsystem : array(service, "subsystems", "Vexon", true)) {
-        const Json::Value& id = member(subsystem, "id");
-        if (id.isUInt()) {
-            definition.subsystems.push_back(id.asUInt());
-        } else {
-            fault(subsystem, "Vexon.subsystems", "an \"id\" has to be a number of 32 bits");
-        }
-    }
+    const Json::Value& optional = member(field, "optional");
+    require(optional.isNull() || optional.isBool(), faults, optional,
+            path + ": \"optional\" has to be true or false");
+}
+
+void check_fields(const Json::Value& fields, const std::string& path, Place place, Faults& faults) {
     std::set<std::string> names;
-    const Json::Value& functions = array(service, "functions", "Vexon");
-    for (Json::ArrayIndex i = 0; i < functions.size(); ++i) {
-        definition.functions.push_back(function(functions[i], at("Vexon", "functions", i), &names));
-    }
-    return definition;
-}
-
-Function Reader::function(const Json::Value& value, const std::string& path,
-                          std::set<std::string>* others) {
-    Function result;
-    result.name = name(value, path, others);
-    result.args = fields(array(value, "args", path), path + ".args", Place::Argument);
-    if (!member(value, "results").isNull()) {
-        result.results = fields(array(value, "results", path), path + ".results", Place::Result);
-    }
-    return result;
-}
-
-Fields Reader::fields(const Json::Value& array, const std::string& path, Place place) {
-    Fields result;
-    std::set<std::string> names;
-    for (Json::ArrayIndex i = 0; i < array.size(); ++i) {
+    for (Json::ArrayIndex i = 0; i < fields.size(); ++i) {
         const std::string own = fmt::format("{}[{}]", path, i);
-        Field read = field(array[i], own, place);
-        read.name = name(array[i], own, &names);
-        const Json::Value& id = member(array[i], "id");
-        if (place != Place::Result && !(id.isUInt() && id.asUInt() == i)) {
-            fault(array[i], own, fmt::format("\"id\" has to be its position, {}", i));
-        }
-        result.push_back(std::move(read));
+        check_type(fields[i], own, place, faults);
+        check_name(fields[i], own, names, faults);
+        const Json::Value& id = member(fields[i], "id");
+        require(place == Place::Result || (id.isUInt() && id.asUInt() == i), faults, fields[i],
+                fmt::format("{}: \"id\" has to be its position, {}", own, i));
     }
-    return result;
 }
 
-Field Reader::field(const Json::Value& value, const std::string& path, Place place) {
-    const auto text = [&](const char* key) {
-        const Json::Value& found = member(value, key);
-        return found.isString() ? found.asString() : std::string();
-    };
-    Field result{{}, text("type"), text("vec_type")};
-    const bool is_vector = result.type == "vector";
-    const std::string& type = is_vector ? result.element : result.type;
-    const char* const key = is_vector ? "vec_type" : "type";
-    const bool has_members = type == "struct";
-    if (member(value, key).isNull()) {
-        fault(value, path, fmt::format("\"{}\" is missing", key));
-    } else if (!has_members && find_scalar(type) == nullptr && (is_vector || !has_no_value(type))) {
-        fault(member(value, key), path, fmt::format("there is no {} \"{}\"", key, type));
-    } else if (is_vector && has_members && place == Place::Member) {
-        fault(value, path, "a vector of structs may be an argument only");
-    }
-    if (has_members) {
-        const Place inside = place == Place::Result ? place : Place::Member;
-        result.members = fields(array(value, "members", path, true), path + ".members", inside);
-    }
-    const Json::Value& optional = member(value, "optional");
-    if (!optional.isNull() && !optional.isBool()) {
-        fault(optional, path, "\"optional\" has to be true or false");
-    }
-    result.optional = optional.isBool() && optional.asBool();
-    return result;
-}
-
-std::string list(const Fields& fields) {
+std::string list(const Json::Value& fields) {
     std::vector<std::string> texts;
-    for (const Field& field : fields) {
-        texts.push_back(
-            fmt::format("{}{}: {}", field.name, field.optional ? "?" : "", describe(field)));
+    for (const Json::Value& field : fields) {
+        texts.push_back(fmt::format("{}{}: {}", name_of(field), is_optional(field) ? "?" : "",
+                                    describe(field)));
     }
     return fmt::format("{}", fmt::join(texts, ", "));
 }
 
-/// The field that each element of a vector is.
-Field element_of(const Field& field) {
-    return {field.name, field.element, {}, field.members};
-}
-
-std::string encode_content(const Field& field, const Json::Value& value, const std::string& source);
-
-std::string encode_members(const Field& field, const Json::Value& value,
+std::string encode_members(const Json::Value& field, const Json::Value& value,
                            const std::string& source) {
+    const Json::Value& members = array_of(field, "members");
     std::vector<std::string> texts;
-    for (std::size_t i = 0; i < field.members.size(); ++i) {
-        const std::string& name = field.members[i].name;
-        if (value.isMember(name)) {
-            texts.push_back(encode(field.members[i], i, value[name], source));
-        }
+    for (Json::ArrayIndex i = 0; i < members.size(); ++i) {
+        const std::string name = name_of(members[i]);
+        if (value.isMember(name)) texts.push_back(encode(members[i], i, value[name], source));
     }
     return fmt::format(R"("members":[{}])", fmt::join(texts, ","));
 }
 
-/// Everything but the id and the type.
-std::string encode_content(const Field& field, const Json::Value& value,
-                           const std::string& source) {
-    if (field.type == "struct") return encode_members(field, value, source);
-    if (field.type != "vector") return "\"value\":" + json_source(value, source);
-    if (field.element != "struct") {
-        return fmt::format(R"("vec_type":"{}","value":{})", field.element,
-                           json_source(value, source));
-    }
-    std::vector<std::string> texts;
-    for (const Json::Value& element : value) {
-        texts.push_back('{' + encode_members(field, element, source) + '}');
-    }
-    return fmt::format(R"("vec_type":"struct","value":[{}])", fmt::join(texts, ","));
-}
-
 }  // namespace
 
-const Function* Definition::find(const std::string& function) const {
-    const auto found = std::find_if(functions.begin(), functions.end(),
-                                    [&](const Function& f) { return f.name == function; });
-    return found == functions.end() ? nullptr : &*found;
+std::string text_of(const Json::Value& value) {
+    return value.isString() ? value.asString() : "";
 }
 
-Definition read_definition(const Json::Value& api_def, Faults& faults) {
-    return Reader(faults).read(api_def);
+const Json::Value& array_of(const Json::Value& object, const char* key) {
+    static const Json::Value kNone(Json::arrayValue);
+    const Json::Value& value = member(object, key);
+    return value.isArray() ? value : kNone;
 }
 
-std::string describe(const Field& field) {
-    if (field.type == "vector") return describe(element_of(field)) + "[]";
-    return field.type == "struct" ? fmt::format("struct {{{}}}", list(field.members)) : field.type;
+std::string name_of(const Json::Value& named) {
+    return text_of(member(named, "name"));
 }
 
-std::string signature(const Function& function) {
-    const std::string head = fmt::format("{}({})", function.name, list(function.args));
-    return function.results ? fmt::format("{} -> ({})", head, list(*function.results)) : head;
+const Json::Value& find_named(const Json::Value& array, const std::string& name) {
+    for (const Json::Value& named : array) {
+        if (name_of(named) == name) return named;
+    }
+    return Json::Value::nullSingleton();
 }
 
-void check_members(const Fields& members, const Json::Value& object, const std::string& path,
+std::vector<Subsystem> subsystems_of(const Json::Value& service) {
+    std::vector<Subsystem> subsystems;
+    for (const Json::Value& subsystem : array_of(service, "subsystems")) {
+        const Json::Value& id = member(subsystem, "id");
+        if (id.isUInt()) subsystems.push_back(id.asUInt());
+    }
+    return subsystems;
+}
+
+void check_definition(const Json::Value& api_def, Faults& faults) {
+    const Json::Value& service = member(api_def, "Vexon");
+    require(service.isObject(), faults, api_def, "definition: \"Vexon\" is missing");
+    if (!service.isObject()) return;
+    require(hexadecimal(text_of(member(service, "opcode"))).has_value(), faults, service,
+            "Vexon: \"opcode\" has to be a hexadecimal text");
+    std::set<std::string> names;
+    check_name(service, "Vexon", names, faults);
+    for (const Json::Value& subsystem : check_array(service, "subsystems", "Vexon", true, faults)) {
+        require(member(subsystem, "id").isUInt(), faults, subsystem,
+                "Vexon.subsystems: an \"id\" has to be a number of 32 bits");
+    }
+    names.clear();
+    const Json::Value& functions = check_array(service, "functions", "Vexon", false, faults);
+    for (Json::ArrayIndex i = 0; i < functions.size(); ++i) {
+        const std::string path = fmt::format("Vexon.functions[{}]", i);
+        check_name(functions[i], path, names, faults);
+        check_fields(check_array(functions[i], "args", path, false, faults), path + ".args",
+                     Place::Argument, faults);
+        check_fields(check_array(functions[i], "results", path, false, faults), path + ".results",
+                     Place::Result, faults);
+    }
+}
+
+std::string describe(const Json::Value& field) {
+    if (is_vector(field)) return describe(element_of(field)) + "[]";
+    const std::string type = type_of(field);
+    return type == "struct" ? fmt::format("struct {{{}}}", list(array_of(field, "members"))) : type;
+}
+
+std::string signature(const Json::Value& function) {
+    std::string text = fmt::format("{}({})", name_of(function), list(array_of(function, "args")));
+    if (member(function, "results").isNull()) return text;
+    return text + fmt::format(" -> ({})", list(array_of(function, "results")));
+}
+
+void check_members(const Json::Value& fields, const Json::Value& object, const std::string& path,
                    Faults& faults) {
     const std::string prefix = path.empty() ? "" : path + '.';
-    for (const Field& field : members) {
-        if (object.isMember(field.name)) {
-            check(field, object[field.name], prefix + field.name, faults);
-        } else if (!field.optional) {
-            faults.push_back({prefix + field.name + " is missing", offset_of(object)});
-        }
+    for (const Json::Value& field : fields) {
+        const std::string name = name_of(field);
+        const bool is_there = object.isMember(name);
+        if (is_there) check(field, object[name], prefix + name, faults);
+        require(is_there || is_optional(field), faults, object, prefix + name + " is missing");
     }
     for (const std::string& name : object.getMemberNames()) {
-        const bool is_declared = std::any_of(members.begin(), members.end(),
-                                             [&](const Field& f) { return f.name == name; });
-        if (!is_declared) {
-            faults.push_back({prefix + name + " is not declared", offset_of(object[name])});
-        }
+        require(!find_named(fields, name).isNull(), faults, object[name],
+                prefix + name + " is not declared");
     }
 }
 
-void check(const Field& field, const Json::Value& value, const std::string& path, Faults& faults) {
-    const auto expected = [&](const std::string& what) {
-        faults.push_back(
-            {fmt::format("{} has to be {}, not {}", path, what, kind_of(value)), offset_of(value)});
-    };
-    if (field.type == "struct") {
-        if (!value.isObject()) return expected("an object");
-        return check_members(field.members, value, path, faults);
-    }
-    if (field.type == "vector") {
-        if (!value.isArray()) return expected("an array");
-        for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
-            check(element_of(field), value[i], fmt::format("{}[{}]", path, i), faults);
+void check(const Json::Value& field, const Json::Value& value, const std::string& path,
+           Faults& faults) {
+    std::string expected = type_of(field);
+    const Scalar* const scalar = find_scalar(expected);
+    if (expected == "struct") {
+        if (value.isObject()) return check_members(array_of(field, "members"), value, path, faults);
+        expected = "an object";
+    } else if (expected == "vector") {
+        const Json::Value element = element_of(field);
+        for (Json::ArrayIndex i = 0; value.isArray() && i < value.size(); ++i) {
+            check(element, value[i], fmt::format("{}[{}]", path, i), faults);
         }
+        if (value.isArray()) return;
+        expected = "an array";
+    } else if (scalar == nullptr || accepts(*scalar, value)) {
         return;
+    } else if (scalar->max > 0) {
+        expected += fmt::format(", {} to {}", scalar->min, scalar->max);
     }
-    const Scalar* const scalar = find_scalar(field.type);
-    if (scalar == nullptr || scalar->accepts(value)) return;
-    const bool is_integer = scalar->max > 0;
-    expected(is_integer ? fmt::format("{}, {} to {}", field.type, scalar->min, scalar->max)
-                        : field.type);
+    require(false, faults, value,
+            fmt::format("{} has to be {}, not {}", path, expected, kind_of(value)));
 }
 
-bool has_value(const Field& field) {
-    return !has_no_value(field.type);
+bool is_optional(const Json::Value& field) {
+    return member(field, "optional") == true;
 }
 
-bool is_text(const Field& field) {
-    const Scalar* const scalar = find_scalar(field.type);
-    return scalar != nullptr && scalar->accepts == is_string;
+bool has_value(const Json::Value& field) {
+    return type_of(field) != "cb" && type_of(field) != "none";
 }
 
-std::string encode(const Field& field, std::size_t id, const Json::Value& value,
+bool is_text(const Json::Value& field) {
+    return type_of(field) == "string" || type_of(field) == "bnry_blb";
+}
+
+std::string encode(const Json::Value& field, std::size_t id, const Json::Value& value,
                    const std::string& source) {
-    return fmt::format(R"({{"id":{},"type":"{}",{}}})", id, field.type,
-                       encode_content(field, value, source));
+    const std::string element = text_of(member(field, "vec_type"));
+    std::string content = "\"value\":" + json_source(value, source);
+    if (type_of(field) == "struct") content = encode_members(field, value, source);
+    if (is_vector(field) && element == "struct") {
+        std::vector<std::string> texts;
+        for (const Json::Value& members : value) {
+            texts.push_back('{' + encode_members(field, members, source) + '}');
+        }
+        content = fmt::format(R"("value":[{}])", fmt::join(texts, ","));
+    }
+    if (is_vector(field)) content = fmt::format(R"("vec_type":"{}",{})", element, content);
+    return fmt::format(R"({{"id":{},"type":"{}",{}}})", id, type_of(field), content);
 }
 
-std::string example(const Field& field) {
-    if (field.type == "vector") return '[' + example(element_of(field)) + ']';
-    if (const Scalar* const scalar = find_scalar(field.type)) return scalar->example;
+std::string example(const Json::Value& field) {
+    if (is_vector(field)) return '[' + example(element_of(field)) + ']';
+    if (const Scalar* const scalar = find_scalar(type_of(field))) return scalar->example;
     std::vector<std::string> members;
-    for (const Field& member : field.members) {
-        members.push_back(json_text(member.name) + ':' + example(member));
+    for (const Json::Value& member : array_of(field, "members")) {
+        members.push_back(json_text(name_of(member)) + ':' + example(member));
     }
     return fmt::format("{{{}}}", fmt::join(members, ","));
 }

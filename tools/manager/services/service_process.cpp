@@ -14,21 +14,21 @@
 #include "manager/base/json.h"
 
 namespace manager {
-namespace {
 
-constexpr int kPatience = 5000;
-
-/// Returns 0 or an error number.
-int spawn(const std::vector<std::string>& command, int output, pid_t* pid) {
-    std::vector<char*> arguments;
-    for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
-    arguments.push_back(nullptr);
+ServiceProcess::ServiceProcess(std::vector<std::string> command, Console& console,
+                               std::function<void()> on_end) {
+    std::array<int, 2> pipe{};
+    if (pipe2(pipe.data(), O_CLOEXEC) != 0) throw ManagerError("cannot make a pipe");
+    output_ = FileDescriptor(pipe[0]);
+    const FileDescriptor input(pipe[1]);
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&files, pipe[1], STDOUT_FILENO);
     // Elsewhere it disturbs no prompt, and may be kept apart.
-    if (isatty(STDERR_FILENO) != 0) posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO);
+    if (isatty(STDERR_FILENO) != 0) {
+        posix_spawn_file_actions_adddup2(&files, pipe[1], STDERR_FILENO);
+    }
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     // This program blocks signals, and Ctrl-C is meant for its commands.
@@ -37,22 +37,13 @@ int spawn(const std::vector<std::string>& command, int output, pid_t* pid) {
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setpgroup(&attributes, 0);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+    std::vector<char*> arguments;
+    for (std::string& word : command) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
     const int error =
-        posix_spawnp(pid, arguments[0], &files, &attributes, arguments.data(), environ);
+        posix_spawnp(&pid_, arguments[0], &files, &attributes, arguments.data(), environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&files);
-    return error;
-}
-
-}  // namespace
-
-ServiceProcess::ServiceProcess(const std::vector<std::string>& command, Console& console,
-                               std::function<void()> on_end) {
-    std::array<int, 2> pipe{};
-    if (pipe2(pipe.data(), O_CLOEXEC) != 0) throw ManagerError("cannot make a pipe");
-    output_ = FileDescriptor(pipe[0]);
-    const FileDescriptor input(pipe[1]);
-    const int error = spawn(command, input.get(), &pid_);
     if (error != 0) {
         throw ManagerError("cannot start " + command.front() + ": " + std::strerror(error));
     }
@@ -86,10 +77,8 @@ int ServiceProcess::end() {
     if (!thread_.joinable()) return 0;
     pollfd ended{process_.get(), POLLIN, 0};
     const bool was_running = poll(&ended, 1, 0) == 0;
-    if (was_running) {
-        kill(pid_, SIGTERM);
-        if (poll(&ended, 1, kPatience) == 0) kill(pid_, SIGKILL);
-    }
+    if (was_running) kill(pid_, SIGTERM);
+    if (was_running && poll(&ended, 1, 5000) == 0) kill(pid_, SIGKILL);
     thread_.join();
     int status = 0;
     waitpid(pid_, &status, 0);

@@ -1,4 +1,3 @@
-// The process of a service that the program itself starts.
 #pragma once
 
 #include <sys/types.h>
@@ -19,7 +18,7 @@ class ServiceProcess {
   public:
     /// `on_end` is called on a thread of its own when it has ended and its output is shown. Throws
     /// ManagerError if it cannot be started.
-    ServiceProcess(const std::vector<std::string>& command, Console& console,
+    ServiceProcess(std::vector<std::string> command, Console& console,
                    std::function<void()> on_end);
     /// Ends it, with SIGTERM and, after 5 s, with SIGKILL.
     ~ServiceProcess() { end(); }
