@@ -1087,6 +1087,7 @@ class Service : public Api {
             tell({Event::Kind::kOutOfService, 0, 0, 0, {}, std::move(out_of_service_), {}, false});
             out_of_service_.clear();
         }
+        is_leaving_ = true;
         if (id_ >= 0) terminate_sessions();
         for (int tries = 3; tries > 0; --tries) {
             if (vexa_svc_deinit(static_cast<std::uint32_t>(id_)) != -2) return;
@@ -1109,6 +1110,7 @@ class Service : public Api {
         }
         failure_ = "no thread can be started";
         id_ = -1;
+        is_leaving_ = false;
         const bool in_time =
             run_until<&Service::make_attempt>(pace_.answer, [this] { return stopping_.load(); });
         if (!in_time && !stopping_) failure_ = "the Manager does not answer";
@@ -1223,7 +1225,8 @@ class Service : public Api {
         return accepts || request->status != VEXA_STATUS_SESSION_START ? 0 : -1;
     }
 
-    // Each service is told of changes; the hook once.
+    // Each service is told of changes; the hook once. A session that starts when the others have
+    // ended would outlive the connection.
     bool notice(const Api& api, const vexa_req_t& request) {
         if (request.status == VEXA_STATUS_TERMINATED) {
             lose(internal::kReceiveEnds[VEXA_RECEIVE_END_CLOSED]);
@@ -1231,6 +1234,7 @@ class Service : public Api {
         }
         const std::optional<Event::Kind> kind = kind_of(request.status);
         if (!kind || (*kind >= Event::Kind::kPermission && &api != this)) return true;
+        if (*kind == Event::Kind::kSessionStart && is_leaving_) return false;
         const std::size_t colon = std::min(request.state.find(':'), request.state.size());
         const bool is_permission = *kind == Event::Kind::kPermission;
         return tell({*kind, request.opcode, request.subsys_id, request.session_id,
@@ -1290,6 +1294,7 @@ class Service : public Api {
     Pace pace_;
     std::string error_;
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> is_leaving_{false};
 
     std::mutex lifecycle_;  // before all others, for the two that follow
     bool is_started_ = false;

@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <stdexcept>
+#include <string_view>
 
 #include "service_test.h"
 
@@ -637,6 +638,32 @@ TEST_F(KitTest, StopDoesNotWaitForAManagerThatDoesNotRead) {
     std::future<void> stopped = std::async(std::launch::async, [this] { service_.stop(); });
     EXPECT_EQ(std::future_status::ready, stopped.wait_for(kSoon));
     manager_.set_reading(true);
+}
+
+// One that is asked for in the midst of it would never end: the next Manager does not know it.
+TEST_F(KitTest, NoSessionStartsOnceStopHasEndedAll) {
+    static std::atomic<bool> came{false};
+    static std::atomic<bool> decided{false};
+    std::atomic<int> sessions{0};
+    service_.on_state([&](const vexon::Event& event) {
+        sessions += event.kind == vexon::Event::Kind::kSessionStart;
+        sessions -= event.kind == vexon::Event::Kind::kSessionEnd;
+        if (event.kind != vexon::Event::Kind::kSessionEnd) return true;
+        manager_.start_session(6, {{kOpcode, {kSubsystem}}});
+        EXPECT_TRUE(wait_until([] { return came.load(); }));
+        return true;
+    });
+    ASSERT_NO_FATAL_FAILURE(start_in_session());
+    ASSERT_NO_FATAL_FAILURE(wait_until_handled());
+    __android_log_set_logger([](const __android_logger_data*, const char* text) {
+        const std::string_view line = text;
+        came = came || line == "session_id received is 6";
+        decided = decided || line.rfind("Start session 6 with", 0) == 0;
+        if (line.rfind("Ended session", 0) == 0) wait_until([] { return decided.load(); });
+    });
+    service_.stop();
+    EXPECT_TRUE(decided);
+    EXPECT_EQ(0, sessions);
 }
 
 // A Manager that changes the service id must not keep the service from leaving.
