@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "fuzz/require.h"
-#include "vexon2_0_reply.h"
 
 namespace {
 
@@ -105,12 +104,12 @@ Objects read_entries(const vexon_type_map_t& typed, const vexon_value_map_t& pla
 
 }  // namespace
 
-std::string read_arguments(const vexon_func_call_info_t& info) noexcept {
+Object read_arguments(const vexon_func_call_info_t& info) noexcept {
     require((info.type_queue == nullptr) == (info.value_queue == nullptr),
             "there are both queues or none");
     Object call;
     call.add("name", info.func_name).add("num_of_args", info.num_of_args);
     const bool has_none = info.type_queue == nullptr;
     call.add("args", has_none ? Objects() : read_entries(*info.type_queue, *info.value_queue));
-    return call.text();
+    return call;
 }

@@ -68,7 +68,7 @@ int refuse_odd_sessions(int service_id, vexa_req_t* request, void* user_data) {
 }
 
 int echo_arguments(_vexon_call_info_t* call, vexon_func_call_info_t args) {
-    const std::string arguments = read_arguments(args);
+    const std::string arguments = read_arguments(args).text();
     if (args.value_queue != nullptr) gGivenArguments.add(*args.value_queue);
     if (args.func_name == "throw") throw std::runtime_error("broken service");
     call->opcode = "0x1a";

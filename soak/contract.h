@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include <vexon2_0.h>
+#include <vexon2_0_service.h>
 
 #include <array>
 #include <atomic>
@@ -22,8 +22,6 @@ using Milliseconds = std::chrono::milliseconds;
 using Random = std::mt19937_64;
 
 constexpr std::array<std::uint32_t, 3> kOpcodes{0x1a, 0x2b, 0x1c4};
-constexpr std::uint32_t kSubsystems = 3;  // of each service: 1, 2, 3
-constexpr unsigned kQuestioners = 8;
 constexpr unsigned kInFlight = 64;  // tasks
 
 // Returns the number that follows `key` in `text`, 0 if it is not there.
@@ -43,6 +41,10 @@ constexpr std::uint32_t kEndedProbeSubsystem = 98;
 constexpr std::string_view kEndedProbe = "::98";
 
 constexpr char kMarkerPrefix[] = "soak marker ";
+
+// The functions of each service: one for any arguments, which come back, one for those of fixed
+// types, which do so as well, one that fails, and one whose tasks are to be rejected.
+constexpr char kAny[] = "any", kTyped[] = "typed", kFailing[] = "failing", kRejected[] = "rejected";
 
 // Permissions and pieces of information have the same names, which end in a number.
 constexpr std::uint64_t kNames = 128;
@@ -76,6 +78,11 @@ struct Outcome {
     std::atomic<std::uint8_t> ran, not_sent;
 };
 
+// Why the service goes out of service, as its kit calls it, and, without a reason, that it is back.
+enum Change { kClosed, kReset, kStopped, kBack };
+constexpr std::array<std::string_view, 4> kChanges{"the Manager closed the connection",
+                                                   "the Manager went away", "stopping", ""};
+
 // Numbers that are to come in order, from 1 on, each once. At one time some may be missing.
 struct Sequence {
     std::atomic<std::uint64_t> last;
@@ -88,23 +95,26 @@ struct Sequence {
     }
 };
 
+// What must hold and the service sees. It writes these, with details, to standard error if not.
+constexpr char kNotRejected[] = "tasks to be rejected neither ran nor were answered";
+constexpr char kSession[] = "each session started, got ready and ended once, and left the table";
+constexpr char kQuery[] = "each query got its own answer, or none around a stop";
+constexpr char kNotice[] = "each notice came once, with its contents";
+constexpr char kChance[] = "by chance no call hung, and nothing of one life got into another";
+
 // Memory of both processes, zero at first. The service counts what it is told of and does, the
 // Manager's side judges that.
 struct Shared {
     std::atomic<char> order;  // see service.cpp; 0 when it has been carried out
-    Counter ready;            // times that all services were ready
-    Counter disturbances;     // odd from before a stop until the service is ready again
+    Counter turns;            // odd from when the service is ready until before a stop
+    bool is_disturbed() const { return turns % 2 == 0; }
     std::array<Outcome, 1 << 16> outcomes;
     Outcome& outcome_of(std::uint64_t task) { return outcomes[task % outcomes.size()]; }
-    std::array<Sequence, kOpcodes.size()> notices;  // that came to each service
-    std::array<Counter, 8> told;                    // by status
-    Counter rejected_ran;                           // tasks named "rejected" that ran
-    Counter wrong_sessions;  // told out of order, or in the table after the end
-    Counter wrong_notices;   // not the next one, or not as that is
-    Counter wrong_queries;   // with the answer to another, or none without a stop
-    Counter wrong_lives;     // calls and callbacks of one life that met another
+    Sequence notices;
+    std::array<Counter, 8> events;  // by kind
+    Counter& count_of(vexon::Event::Kind kind) { return events.at(static_cast<std::size_t>(kind)); }
+    std::array<Counter, kChanges.size()> changes;
     Counter queries, answered_queries, markers;  // markers: that were sent
-    std::array<Counter, 7> receive_ends;         // by reason
     Counter calls, lives, last_opcode;           // in rounds of chance
 };
 

@@ -1,15 +1,16 @@
-// The service process of the soak test. It knows the library by its public header only.
+// The service process of the soak test. It knows the library by its public headers only.
 //
-// First it serves and carries out orders: 'l' to leave the Manager and start over, 't' to give back
-// unused memory, 'f' to finish. Then threads call the library at random until the next 'f', with
-// the id of the process and with former ones. Standard error gets what should not be.
+// First a service made with the kit serves, and carries out orders: 'l' to leave the Manager and
+// start over, 't' to give back unused memory, 'f' to finish. Then threads call the library at
+// random until the next 'f', with the id of the process and with former ones. Standard error gets
+// what should not be.
 
 #include <android-base/properties.h>
-#include <android-base/stringprintf.h>
 #include <android/log.h>
 #include <malloc.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -25,85 +26,92 @@
 namespace soak {
 namespace {
 
+using Kind = vexon::Event::Kind;
+
 Shared* gShared = nullptr;
-std::atomic<bool> gLost{false};
 
-// The transaction of the task that this thread runs.
-thread_local std::uint64_t tTransaction = 0;
+// The task whose reply this thread has sent last, 0 if it had none.
+thread_local std::uint64_t tTask = 0;
 
-// Two matters are told nowhere else: that a reply could not be sent, which is said on the thread of
-// the task, and that a session is known without having the service of a task.
+void complain(const char* broken, const std::string& details) {
+    std::fprintf(stderr, "%s: %s\n", broken, details.c_str());
+}
+
+// Two matters are told nowhere else: that a reply could not be sent, and that a session is known
+// without having the service of a task.
 void watch_log(const __android_logger_data*, const char* text) {
     const std::string_view line = text;
-    if (tTransaction != 0 && line.rfind("client NOT able to send msg", 0) == 0) {
-        ++gShared->outcome_of(tTransaction).not_sent;
+    if (line.rfind("client Sending message", 0) == 0) {
+        tTask = number_after(text, R"("return":)");
+    } else if (tTask != 0 && line.rfind("client NOT able to send msg", 0) == 0) {
+        ++gShared->outcome_of(tTask).not_sent;
     } else if (line.rfind("No Session ", 0) == 0 &&
                line.substr(line.size() - kEndedProbe.size()) == kEndedProbe) {
-        ++gShared->wrong_sessions;
+        complain(kSession, text);
     }
 }
 
-// ---- What the library calls
+// ---- What the kit calls
 
-template <std::size_t service>
-int run_task(_vexon_call_info_t* call, vexon_func_call_info_t args) {
-    tTransaction = static_cast<std::uint32_t>(call->transac_id);
-    ++gShared->outcome_of(tTransaction).ran;
-    if (args.func_name == "rejected") ++gShared->rejected_ran;
-    std::this_thread::sleep_for(nap_of(tTransaction));
-    call->opcode = std::to_string(kOpcodes[service]);
-    call->name = args.func_name;
-    call->func = read_arguments(args);
-    call->return_value = static_cast<std::int32_t>(tTransaction);
-    return 0;
+// Returns what the reply has as "return", the number of the task.
+std::int32_t run_task(const vexon::Call& call) {
+    const auto task = static_cast<std::uint32_t>(call.transaction());
+    ++gShared->outcome_of(task).ran;
+    if (call.function() == kRejected) complain(kNotRejected, std::to_string(task));
+    std::this_thread::sleep_for(nap_of(task));
+    if (call.function() == kFailing) throw vexon::Error(call.transaction(), "soak");
+    return call.transaction();
 }
 
-constexpr vexon_exec_callback_t kExecCallbacks[] = {run_task<0>, run_task<1>, run_task<2>};
+vexon::Result<> run_any(const vexon::Call& call) {
+    const std::int32_t number = run_task(call);
+    return {read_arguments(call.arguments()), number};
+}
+
+vexon::Result<> run_typed(const vexon::Call& call, std::uint32_t number, const std::string& text) {
+    const std::int32_t result = run_task(call);
+    return {vexon::Reply().add("number", number).add("text", text), result};
+}
 
 // A service in a session starts, gets ready, and ends. Only a stop may come before it is ready.
-void follow_session(const vexa_req_t& told) {
+void follow_session(const vexon::Event& event) {
     static auto& steps = *new std::map<std::array<std::uint32_t, 3>, int>;  // that were taken
-    const std::array key{told.session_id, told.opcode, told.subsys_id};
-    const bool is_end = told.status == VEXA_STATUS_SESSION_END;
-    const int step = is_end ? 2 : told.status == VEXA_STATUS_SESSION_READY ? 1 : 0;
+    const std::array key{event.session, event.opcode, event.subsystem};
+    const bool is_end = event.kind == Kind::kSessionEnd;
+    const int step = is_end ? 2 : event.kind == Kind::kSessionReady ? 1 : 0;
     const int taken = std::exchange(steps[key], step + 1);
-    const bool is_cut_off = is_end && taken == 1 && gShared->disturbances % 2 == 1;
-    gShared->wrong_sessions += taken != step && !is_cut_off;
     if (is_end) steps.erase(key);
+    if (taken == step || (is_end && taken == 1 && gShared->is_disturbed())) return;
+    complain(kSession, std::to_string(event.session));
 }
 
 // Only what was sent to a connection that is lost may not come.
-void count_notice(const vexa_req_t& told, Sequence& notices) {
-    constexpr vexa_status_t kStatuses[] = {VEXA_STATUS_PERMISSION_CHANGE, VEXA_STATUS_STATE_CHANGE,
-                                           VEXA_STATUS_SYSTEM_SETTING_CHANGE};
-    const std::uint64_t number = number_after(told.permission + told.state, kNoticePrefix);
+void count_notice(const vexon::Event& event) {
+    constexpr Kind kKinds[] = {Kind::kPermission, Kind::kState, Kind::kSetting};
+    const std::uint64_t number = number_after(event.name, kNoticePrefix);
     const std::string text = std::to_string(number);
     const bool is_of_permission = number % 3 == 0;
-    const bool is_right =
-        notices.accept(number) && told.status == kStatuses[number % 3] &&
-        told.session_id == number && told.package == text &&
-        (is_of_permission ? told.permission == kNoticePrefix + text &&
-                                told.permission_status == static_cast<std::int64_t>(number % 2)
-                          : told.state == kNoticePrefix + text + ":" + text);
-    gShared->wrong_notices += !is_right;
+    const bool is_right = gShared->notices.accept(number) && event.kind == kKinds[number % 3] &&
+                          event.session == number && event.package == text &&
+                          event.name == kNoticePrefix + text &&
+                          event.value == (is_of_permission ? "" : text) &&
+                          event.granted == (is_of_permission && number % 2 == 1);
+    if (!is_right) complain(kNotice, event.name);
 }
 
-int on_state(int, vexa_req_t* told, void* notices) {
-    const bool starts = told->status == VEXA_STATUS_SESSION_START;
-    if (starts && is_refused_session(told->session_id)) return -1;
-    ++gShared->told.at(static_cast<std::size_t>(told->status));
-    if (starts || told->status == VEXA_STATUS_SESSION_READY ||
-        told->status == VEXA_STATUS_SESSION_END) {
-        follow_session(*told);
-    } else if (!told->package.empty()) {
-        count_notice(*told, *static_cast<Sequence*>(notices));
+bool on_state(const vexon::Event& event) {
+    if (event.kind == Kind::kSessionStart && is_refused_session(event.session)) return false;
+    if (event.kind <= Kind::kOutOfService) {
+        gShared->notices.may_skip = true;
+        const auto* const change = std::find(kChanges.begin(), kChanges.end(), event.value);
+        ++gShared->changes.at(static_cast<std::size_t>(change - kChanges.begin()));
+    } else if (event.kind >= Kind::kPermission) {
+        count_notice(event);
+    } else {
+        follow_session(event);
     }
-    return 0;
-}
-
-void on_receive_end(vexa_receive_end_t reason, void*) {
-    ++gShared->receive_ends.at(static_cast<std::size_t>(reason));
-    if (reason != VEXA_RECEIVE_END_DISCONNECTED) gLost = true;
+    ++gShared->count_of(event.kind);
+    return true;
 }
 
 // ---- Questions and markers
@@ -112,24 +120,27 @@ void on_receive_end(vexa_receive_end_t reason, void*) {
 bool ask(Random& random) {
     const auto kind = random() % 3;
     std::vector<std::string> names, expected, answer;
-    for (auto left = 1 + random() % 4; left > 0; --left) {
+    for (auto left = kind == 2 ? 1 + random() % 4 : 1; left > 0; --left) {
         const auto name = random() % kNames;
         names.push_back(kNamePrefix + std::to_string(name));
         expected.push_back(kind == 0 ? permission_of(name) : info_of(name));
     }
-    const std::uint32_t before = gShared->disturbances;
-    if (kind != 0) {
-        answer = (kind == 1 ? vexa_info_query : vexa_info_monitor)(7, names);
+    const std::uint32_t before = gShared->turns;
+    if (kind == 0) {
+        const auto outcome = static_cast<std::size_t>(vexon::ask_permission(7, names[0]));
+        answer.push_back(std::array{"granted", "denied", "", ""}.at(outcome));
+    } else if (kind == 1) {
+        const vexon::Info info = vexon::monitor_info(7, names[0]);
+        const auto outcome = static_cast<std::size_t>(info.outcome);
+        answer.push_back(std::array{"SUCCESS:", "ERROR:", "", ""}.at(outcome) + info.text);
     } else {
-        for (const bool granted : vexa_permission_query(7, names)) {
-            answer.push_back(granted ? "granted" : "denied");
-        }
+        answer = vexa_info_query(7, names);
     }
-    const bool is_excused = before % 2 == 1 || before != gShared->disturbances;
+    const bool is_excused = gShared->is_disturbed() || before != gShared->turns;
     const bool is_none = answer.empty() || answer == std::vector<std::string>(names.size());
     ++gShared->queries;
     gShared->answered_queries += answer == expected;
-    gShared->wrong_queries += answer != expected && !(is_none && is_excused);
+    if (answer != expected && !(is_none && is_excused)) complain(kQuery, names[0]);
     return !is_none;
 }
 
@@ -151,65 +162,33 @@ void ask_on(Random random) {
 
 // ---- The course
 
-// Registers a service and declares it ready. Returns whether the library did.
-bool offer(int id, std::uint32_t opcode, vexa_state_callback_t state_callback, void* user_data,
-           vexon_exec_callback_t exec_callback) {
-    const std::string definition = android::base::StringPrintf(
-        R"(%c{"Vexon":{"opcode":"%x","subsystems":[{"id":1},{"id":2},{"id":3}]}})", 2, opcode);
-    const auto* const api = reinterpret_cast<const std::uint8_t*>(definition.c_str());
-    const auto service_id = static_cast<std::uint32_t>(id);
-    return _vexa_svc_register_auth(service_id, opcode, api, "soak") == 0 &&
-           _vexa_svc_ready(service_id, opcode, state_callback, user_data, exec_callback) == 0;
-}
-
-// The callback is set anew so that what was lost and given up in the meantime says so.
-void take_leave(int id) {
-    const int result = vexa_svc_deinit(static_cast<std::uint32_t>(id));
-    if (result != 0) std::fprintf(stderr, "vexa_svc_deinit: %d\n", result);
-    vexa_svc_on_receive_end(on_receive_end, nullptr);
-    gLost = false;
-    for (Sequence& notices : gShared->notices) notices.may_skip = true;
-}
-
-// Tries until the Manager can be reached and takes all services. Returns the service id.
-int connect() {
-    for (;; std::this_thread::sleep_for(50ms)) {
-        const int id = vexa_svc_init();
-        bool is_ready = id >= 0;
-        for (std::size_t i = 0; is_ready && i < kOpcodes.size(); ++i) {
-            is_ready = offer(id, kOpcodes[i], on_state, &gShared->notices[i], kExecCallbacks[i]);
-        }
-        gShared->ready += is_ready;
-        if (is_ready) return id;
-        if (id >= 0) take_leave(id);
-    }
-}
-
 void serve() {
     android::base::SetProperty("ro.build.type", "userdebug");
     android::base::SetProperty("vendor.vexon.one.markers", "true");
     android::base::SetProperty("vendor.vexon.one.service", "vendor.mirt.soak");
-    ::prctl(PR_SET_NAME, "mirt_soak");  // the thread that connects
-    vexa_svc_on_receive_end(on_receive_end, nullptr);
-    int id = connect();
+    ::prctl(PR_SET_NAME, "mirt_soak");  // the thread that connects takes it over
+    vexon::Service service(kOpcodes[0], "soak", "soak", {1, 2, 3});
+    for (const std::uint32_t opcode : kOpcodes) {
+        const bool is_first = opcode == kOpcodes[0];
+        vexon::Api& api = is_first ? service : service.also(opcode, "soak", "soak", {1, 2, 3});
+        for (const char* const name : {kAny, kFailing, kRejected}) api.function(name, run_any);
+        api.function(kTyped, {"number", "text"}, run_typed);
+    }
+    service.on_state(on_state);
+    service.pace({50ms, 200ms});
     std::vector<std::thread> questioners;
-    for (unsigned i = 0; i < kQuestioners; ++i) questioners.emplace_back(ask_on, Random(i));
-    for (char order = 0; order != 'f'; order = gShared->order) {
-        if (order == 't') {
-            // Only without what the C library keeps for later does the memory of the process tell
-            // what is in use. It gives back all of the first of its arenas only, so it has no
-            // other.
-            ::malloc_trim(0);
-        } else if (order == 'l' || gLost) {
-            if (order == 0) terminate_sessions();
-            take_leave(id);
-            id = connect();
+    for (unsigned i = 0; i < 8; ++i) questioners.emplace_back(ask_on, Random(i));
+    for (char order = 'l'; order != 'f'; order = gShared->order) {
+        if (order == 't') ::malloc_trim(0);  // of the only arena: then memory is what is in use
+        if (order == 'l') {
+            service.stop();
+            if (!service.start()) std::fputs(service.error().c_str(), stderr);
         }
         if (order != 0) gShared->order = 0;
         std::this_thread::sleep_for(1ms);
     }
     for (std::thread& thread : questioners) thread.join();
-    take_leave(id);
+    service.stop();
 }
 
 // ---- Rounds of chance. Each call has to return soon, an id that is over must not be accepted, and
@@ -223,11 +202,6 @@ using Life = std::map<int, std::atomic<bool>>::value_type;
 // Never destroyed: threads of the library may still run when the process ends.
 std::mutex& gMutex = *new std::mutex;
 auto& gLives = *new std::map<int, std::atomic<bool>>;  // guarded by gMutex
-
-void complain(const char* what, int id) {
-    std::fprintf(stderr, "%s, service id %d\n", what, id);
-    ++gShared->wrong_lives;
-}
 
 void add_life(int id, bool over) {
     const std::lock_guard lock(gMutex);
@@ -245,8 +219,22 @@ int on_state_of_life(int, vexa_req_t*, void* user_data) {
     const auto& [id, over] = *static_cast<const Life*>(user_data);
     const bool was_over = over;
     std::this_thread::yield();
-    if (was_over || over) complain("a callback got released user data", id);
+    if (was_over || over) complain(kChance, "released user data of " + std::to_string(id));
     return 0;
+}
+
+int run_anything(_vexon_call_info_t* call, vexon_func_call_info_t arguments) {
+    call->func = read_arguments(arguments).text();
+    return 0;
+}
+
+// Registers a service and declares it ready. Returns whether the library did.
+bool offer(Life& life, std::uint32_t opcode) {
+    const std::string definition = '\2' + vexon::Service(opcode, "any", "").definition();
+    const auto* const api = reinterpret_cast<const std::uint8_t*>(definition.c_str());
+    const auto id = static_cast<std::uint32_t>(life.first);
+    return _vexa_svc_register_auth(id, opcode, api, "soak") == 0 &&
+           _vexa_svc_ready(id, opcode, on_state_of_life, &life, run_anything) == 0;
 }
 
 // An opcode is used once: a second time might wait for ever.
@@ -268,22 +256,23 @@ void call_anything(Random& random) {
         is_accepted = vexa_svc_deinit(static_cast<std::uint32_t>(id)) == 0;
         if (is_accepted) over = true;
     } else {
-        is_accepted = offer(id, ++gShared->last_opcode, on_state_of_life, &life, kExecCallbacks[0]);
+        is_accepted = offer(life, ++gShared->last_opcode);
     }
-    if (was_over && is_accepted) complain("an id that is over was accepted", id);
+    if (was_over && is_accepted) complain(kChance, "accepted the former " + std::to_string(id));
 }
 
 void call_on(Random random) {
     for (; gShared->order != 'f'; ++gShared->calls) {
         const auto begin = Clock::now();
         call_anything(random);
-        if (Clock::now() - begin > 10s) complain("a call took too long", 0);
+        if (Clock::now() - begin > 10s) complain(kChance, "a call took too long");
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
     }
 }
 
 void take_chances(unsigned seed) {
     android::base::SetProperty("vendor.vexon.one.service", "");
+    vexa_svc_on_receive_end([](vexa_receive_end_t, void*) {}, nullptr);
     add_life(0, true);  // no Manager gives that
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < 6; ++i) threads.emplace_back(call_on, Random(seed + i));
