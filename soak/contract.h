@@ -23,6 +23,7 @@ using Random = std::mt19937_64;
 
 constexpr std::array<std::uint32_t, 3> kOpcodes{0x1a, 0x2b, 0x1c4};
 constexpr unsigned kInFlight = 64;  // tasks
+constexpr char kMarkerPrefix[] = "soak marker ";
 
 // Returns the number that follows `key` in `text`, 0 if it is not there.
 inline std::uint64_t number_after(const std::string& text, std::string_view key) {
@@ -39,8 +40,6 @@ constexpr bool is_refused_session(std::uint64_t session) {
 // tells whether such a session is still in its table; this is how a line ends that says so.
 constexpr std::uint32_t kEndedProbeSubsystem = 98;
 constexpr std::string_view kEndedProbe = "::98";
-
-constexpr char kMarkerPrefix[] = "soak marker ";
 
 // The functions of each service: one for any arguments, which come back, one for those of fixed
 // types, which do so as well, one that fails, and one whose tasks are to be rejected.

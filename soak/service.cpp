@@ -29,6 +29,7 @@ namespace {
 using Kind = vexon::Event::Kind;
 
 Shared* gShared = nullptr;
+std::atomic<int> gRunning{0};  // functions
 
 // The task whose reply this thread has sent last, 0 if it had none.
 thread_local std::uint64_t tTask = 0;
@@ -58,7 +59,9 @@ std::int32_t run_task(const vexon::Call& call) {
     const auto task = static_cast<std::uint32_t>(call.transaction());
     ++gShared->outcome_of(task).ran;
     if (call.function() == kRejected) complain(kNotRejected, std::to_string(task));
+    ++gRunning;
     std::this_thread::sleep_for(nap_of(task));
+    --gRunning;
     if (call.function() == kFailing) throw vexon::Error(call.transaction(), "soak");
     return call.transaction();
 }
@@ -182,6 +185,7 @@ void serve() {
         if (order == 't') ::malloc_trim(0);  // of the only arena: then memory is what is in use
         if (order == 'l') {
             service.stop();
+            if (gRunning != 0) complain("functions outlived stop()", std::to_string(gRunning));
             if (!service.start()) std::fputs(service.error().c_str(), stderr);
         }
         if (order != 0) gShared->order = 0;
@@ -272,17 +276,11 @@ void call_on(Random random) {
 
 void take_chances(unsigned seed) {
     android::base::SetProperty("vendor.vexon.one.service", "");
-    vexa_svc_on_receive_end([](vexa_receive_end_t, void*) {}, nullptr);
     add_life(0, true);  // no Manager gives that
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < 6; ++i) threads.emplace_back(call_on, Random(seed + i));
     for (std::thread& thread : threads) thread.join();
     for (const auto& [id, over] : gLives) vexa_svc_deinit(static_cast<std::uint32_t>(id));
-}
-
-std::size_t count_threads() {
-    const std::filesystem::directory_iterator threads("/proc/self/task");
-    return static_cast<std::size_t>(std::distance(begin(threads), end(threads)));
 }
 
 }  // namespace
@@ -292,8 +290,12 @@ void run_service(Shared& shared, unsigned seed) {
     ::mallopt(M_ARENA_MAX, 1);
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     __android_log_set_logger(watch_log);
+    const auto count_threads = [] {
+        const std::filesystem::directory_iterator threads("/proc/self/task");
+        return std::distance(begin(threads), end(threads));
+    };
     std::thread([] {}).join();  // with the first, a sanitizer starts one of its own
-    const std::size_t own_threads = count_threads();
+    const auto own_threads = count_threads();
     for (Outcome& outcome : shared.outcomes) outcome.ran = 0;  // memory that is in use from here on
     serve();
     shared.order = 0;

@@ -33,7 +33,6 @@ constexpr auto kOutlived = 1s;             // what is older than this has run or
 constexpr std::string_view kSanitizers = VEXON_SANITIZERS;
 // The library does not release what it rejects while decoding: none where leaks are looked for.
 constexpr std::size_t kMostUndecodable = kSanitizers.find("address") == kSanitizers.npos ? 100 : 0;
-
 constexpr char kUndecodable[] =
     R"([{"id":0,"type":"string","value":"7"},{"id":1,"type":"int16","value":40000}])";
 
@@ -89,7 +88,6 @@ struct Usage {
     std::size_t threads = 0, descriptors = 0;
 };
 
-// Thrown when something was waited for in vain, which ends the run.
 struct InVain {};
 
 // The service process, which ends with this one. To be started while there is one thread.
@@ -151,8 +149,8 @@ class Soak {
         } catch (const InVain&) {
             close_accounts();
         }
-        manager_ = nullptr;
         const std::string complaint = service_.complaint();
+        manager_ = nullptr;
         if (!complaint.empty()) fail(kService, "{:.1000}", complaint);
         for (const char* const title : {kNotRejected, kSession, kQuery, kNotice, kChance})
             if (complaint.find(title) != complaint.npos) fail(title, "see what the service wrote");
@@ -202,7 +200,7 @@ class Soak {
         await("the end of all that was under way", [this] {
             end_sessions(Clock::time_point::max());
             sweep(kOutlived);
-            return sessions_.empty() && tasks_.empty() && is_noticed();
+            return sessions_.empty() && tasks_.empty() && gShared.notices.last == delivered_notice_;
         });
         observe_usage();
     }
@@ -231,6 +229,7 @@ class Soak {
         by_service ? start_over(kind == kServiceCut) : lose_manager(kind);
         judge_change(by_service ? kStopped : kind == kManagerReset ? kReset : kClosed);
         sessions_.clear();
+        former_sessions_ = last_session_;
     }
 
     void lose_manager(Stop kind) {
@@ -250,7 +249,8 @@ class Soak {
         std::this_thread::sleep_for(is_long ? kLongOutage : Milliseconds(10 + random_() % 150));
         start_manager();
         await_ready();
-        if (!is_reset && !is_noticed()) fail(kNotice, "the last did not come");
+        if (!is_reset && gShared.notices.last != delivered_notice_)
+            fail(kNotice, "the last did not come");
     }
 
     // The service was told of this change, to be back after each, and of no others.
@@ -268,11 +268,9 @@ class Soak {
 
     // Has the service leave and come back, if `abruptly` in the midst of tasks and new sessions.
     void start_over(bool abruptly) {
+        for (int i = 0; abruptly && i < 5; ++i) start_session();
         gShared.order = 'l';
-        for (int i = 0; abruptly && i < 5; ++i, take_packets(1ms)) {
-            start_session();
-            send_tasks();
-        }
+        for (int i = 0; abruptly && i < 5; ++i, take_packets(1ms)) send_tasks();
         await_ready();
         cut(Cut::kByService);
     }
@@ -469,13 +467,16 @@ class Soak {
     void take_response(const manager::Packet& response) {
         const auto id = static_cast<std::uint32_t>(number_after(response.text, R"("session_id":)"));
         const auto entry = sessions_.find(id);
+        if (id <= former_sessions_) return;  // its connection has gone
         if (entry == sessions_.end()) return fail(kSession, "unexpected {}", response.text);
         Stage& stage = entry->second.stage;
         const bool succeeds =
             stage == Stage::kStarting ? !is_refused_session(id) : stage == Stage::kEnding;
-        const bool fails = !has(response, R"("Result":"Success")");
-        if (fails == succeeds && !(fails && gShared.is_disturbed()))  // it may be about to leave
+        const bool has_succeeded = has(response, R"("Result":"Success")");
+        const bool is_over = gShared.is_disturbed();  // a service that leaves refuses
+        if (has_succeeded != succeeds && (has_succeeded || !is_over))
             fail(kSession, "wrong {}", response.text);
+        if (is_over) return;
         if (stage == Stage::kStarting && succeeds) {
             stage = Stage::kActive;
             send(manager::ready_session_message(id, kAll));
@@ -490,8 +491,6 @@ class Soak {
     }
 
     // ---- The accounts
-
-    bool is_noticed() const { return gShared.notices.last == delivered_notice_; }
 
     std::uint64_t new_task() {
         Outcome& outcome = gShared.outcome_of(++last_task_);
@@ -697,7 +696,7 @@ class Soak {
     Sessions sessions_;
     Sequence markers_{};
     std::uint64_t last_task_ = 0, last_notice_ = 0, delivered_notice_ = 0;
-    std::uint32_t last_session_ = 0;
+    std::uint32_t last_session_ = 0, former_sessions_ = 0;
     Clock::time_point next_session_, next_notice_, next_rejected_;
 
     std::array<std::size_t, kStops> stops_{};
