@@ -62,8 +62,8 @@ inline std::string info_of(std::uint64_t name) {
 constexpr char kNoticePrefix[] = "soak.notice.";
 
 // How many milliseconds a task takes. Most take no time of their own, some a little, few so much
-// that they outlive a stop. Now and then as many as may be under way take theirs at the same time,
-// so that the process has had as many threads at once as it will ever have when it is warm.
+// that they outlive a stop. As many as may be under way take theirs at the same time where a cycle
+// begins, so that each connection has had as many threads at once as it will ever have.
 constexpr Milliseconds nap_of(std::uint64_t task) {
     if (task % 4096 < kInFlight) return 150ms;
     if (task % 512 == 100) return 300ms;

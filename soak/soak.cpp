@@ -29,7 +29,6 @@ using Event = vexon::Event::Kind;
 constexpr std::size_t kSessions = 8;
 constexpr Milliseconds kLongOutage = 22s;  // the library alone tries to connect for 20 s
 constexpr auto kLimit = 45s;               // far beyond what anything takes that does not hang
-constexpr auto kOutlived = 1s;             // what is older than this has run or never will
 constexpr std::string_view kSanitizers = VEXON_SANITIZERS;
 // The library does not release what it rejects while decoding: none where leaks are looked for.
 constexpr std::size_t kMostUndecodable = kSanitizers.find("address") == kSanitizers.npos ? 100 : 0;
@@ -183,6 +182,7 @@ class Soak {
 
     void run_cycle(Clock::time_point end) {
         const Clock::time_point begin = Clock::now();
+        last_task_ |= 4095;  // see nap_of()
         for (auto now = begin; now < end; now = Clock::now()) {
             if (sessions_.size() < kSessions && is_due(next_session_, 20ms)) start_session();
             end_sessions(now);
@@ -190,7 +190,7 @@ class Soak {
             if (is_due(next_rejected_, 10ms)) send_rejected();
             send_tasks();
             take_packets(1ms);
-            sweep(kOutlived);
+            sweep();
         }
         loaded_ += Clock::now() - begin;
     }
@@ -199,7 +199,7 @@ class Soak {
     void drain() {
         await("the end of all that was under way", [this] {
             end_sessions(Clock::time_point::max());
-            sweep(kOutlived);
+            sweep();
             return sessions_.empty() && tasks_.empty() && gShared.notices.last == delivered_notice_;
         });
         observe_usage();
@@ -528,7 +528,7 @@ class Soak {
     }
 
     // Settles those whose reply could not be sent, and what was cut off so long ago.
-    void sweep(Clock::duration age) {
+    void sweep(Clock::duration age = 1s) {
         for (auto next = tasks_.begin(); next != tasks_.end();) {
             const auto task = next++;
             const bool is_old = may_be_lost(*task) && Clock::now() - task->second.when_cut >= age;
