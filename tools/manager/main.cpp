@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <optional>
 
@@ -109,18 +110,23 @@ int draw_recording(const Options& options) try {
     return fail(kCommandFailed, error.what());
 }
 
+/// Changes the status if the files cannot be ended as they should be.
+void end_files(int& status, CommandContext& context, const std::function<void()>& end) try {
+    end();
+} catch (const ManagerError& error) {
+    context.console.error(error.what());
+    if (status == kSucceeded) status = kCommandFailed;
+}
+
 int end(int status, CommandContext& context, std::optional<Pictures>& pictures) {
     // The ends of the connections belong to the recording and the pictures.
     context.manager.stop();
     if (context.traffic.services.has_new_figures()) show_calls(context);
-    try {
+    end_files(status, context, [&] {
         context.traffic.recorder.stop();
         context.traffic.pictured.stop();
         if (pictures) pictures->draw(pictures->recording(), complain);
-    } catch (const ManagerError& error) {
-        context.console.error(error.what());
-        if (status == kSucceeded) status = kCommandFailed;
-    }
+    });
     return context.console.is_broken() ? kInterrupted + SIGPIPE : status;
 }
 
@@ -157,6 +163,8 @@ int run(const Options& options) {
     int status = replay ? run_step("--replay " + options.replay, context, [&] { replay->run(); })
                         : run_commands(options, context);
     if (service) {
+        // A replay would wait for the farewell of the service, which it does not cause itself.
+        end_files(status, context, [&] { traffic.recorder.stop(); });
         const int service_status = service->end();
         if (status == kSucceeded) status = service_status;
     }
