@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An input is an API definition, with or without its header, up to its terminating NUL.
 
 #include <algorithm>

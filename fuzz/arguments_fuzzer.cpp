@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An input is the text of a task. Its arguments are decoded, read by their tags and released.
 
 #include <json/json.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The C library as the client sees it: the fuzzer stands in for the functions by which the client
 // starts threads, receives, sends and pauses, so that it knows when the client has come to rest,
 // sees what it sends and need not wait.

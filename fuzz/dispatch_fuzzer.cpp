@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An input is a conversation: packets of the Manager, one per line, which a client in full
 // operation receives on its own thread. The line "EOF" is the end of the Manager.
 

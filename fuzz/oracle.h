@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What all fuzzers share. Used by one thread.
 
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the Manager's side and the service process agree upon: the services, the contents of
 // questions, notices and tasks, which follow from a number, and the memory that both have.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service process of the soak test. It knows the library by its public headers only.
 //
 // First a service made with the kit serves, and carries out orders: 'l' to leave the Manager and

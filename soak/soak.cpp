@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Puts library and kit under load for a while: a Manager in this process, a service in another,
 // both in a /dev of their own. Then come rounds of chance, and a table of figures and checks.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A service process that ends in the midst of its work, in one of several ways.
 // Usage: vexon_exit_service LIBRARY return|task|deinit|unload|log|fork
 

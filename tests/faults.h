@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Failures of the C library on demand. The test program defines these functions itself, so that the
 // library under test calls them instead of the real ones, which do the work unless a failure is
 // due.

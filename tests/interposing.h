@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For programs that define functions of the C library themselves, so that the library under test
 // calls them.
 

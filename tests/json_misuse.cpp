@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes misuse of jsoncpp end the process, as it does where jsoncpp is built without exceptions: no
 // test passes that needs one of its exceptions.
 

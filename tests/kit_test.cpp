@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The headers for authors of services: typed access to arguments, and the builder of replies.
 
 #include <json/json.h>

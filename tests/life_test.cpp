@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls, threads and messages of one life of the connection beside the end of that life and the
 // beginning of the next.
 

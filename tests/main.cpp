@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs the tests with a /dev of their own, so that the Manager's real path can be used, by any user
 // and by several test processes at a time.
 

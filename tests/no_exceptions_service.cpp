@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A service that is built without exceptions and without RTTI.
 
 #include <vexon2_0_service.h>

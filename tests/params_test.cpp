@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoding of a task's arguments, and the queues that hold them.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pictures of conversations, made of recordings as the program and others write them.
 
 #include <gtest/gtest.h>

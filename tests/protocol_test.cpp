@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plays the conversation of docs/protocol.md against the library.
 
 #include <fstream>

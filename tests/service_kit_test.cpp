@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vexon2_0_service.h: functions with their types and errors, the definition made from them, and
 // how a service stays in service.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of a whole service process share: a Manager, the log and the service's callbacks.
 
 #pragma once

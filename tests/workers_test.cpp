@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads of tasks that stay for a next task.
 
 #include <sys/wait.h>

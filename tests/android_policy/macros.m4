@@ -1,3 +1,4 @@
+dnl SPDX-License-Identifier: Apache-2.0
 dnl What the samples use of the platform's te_macros, with as much of it as they need.
 define(`userdebug_or_eng', `ifelse(variant, `user', , `$1')')dnl
 define(`init_daemon_domain', `

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Tells what is wrong with .rc files of init, as far as the samples use its language, and prints for
 # each service "SERVICE PROGRAM USERS-AND-GROUPS DOMAIN" to standard output.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What jsoncpp does not do: it takes control characters in strings, numbers such as 007 and 1. and
 // bytes that are no UTF-8, even if it is strict.
 

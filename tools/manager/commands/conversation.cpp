@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the conversation tells of services and their calls, and what becomes of it.
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the Manager is told to do: sessions, notices, answers and connections.
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the program shows. Thread-safety: every member of Console may be called from any thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conversation for other programs: one JSON object on a line of its own for each event. Every
 // line is valid JSON in UTF-8, whatever the packets hold.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conversation as pictures show it: which answer belongs to which request.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two pictures of a recorded conversation: a trace for trace viewers, and a page with a diagram.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What commands and replays share: the Manager, the console and what follows the conversation.
 #pragma once
 

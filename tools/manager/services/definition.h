@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a service says of itself when it registers: its functions with the types of their arguments
 // and results, in the form of docs/protocol.md. The functions keep no state. They take the JSON as
 // it came; what is not as it should be counts as empty, and check_definition() tells of it.

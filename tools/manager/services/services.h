@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the conversation tells of the services: who they are, which sessions they take part in, how
 // their functions are called, and what is wrong with what they send.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated Manager: what service processes talk to where there is no device.
 //
 // Thread-safety: every member of SimulatedManager may be called from any thread at any time, but

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "manager/simulation/listening_socket.h"
 
 #include <fcntl.h>

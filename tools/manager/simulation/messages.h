@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the Manager sends without being asked, and what it reads of the packets of clients.
 #pragma once
 

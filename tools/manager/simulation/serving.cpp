@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parts of SimulatedManager that move packets: its thread, and sending from any thread.
 
 #include <sys/eventfd.h>
