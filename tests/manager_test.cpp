@@ -672,7 +672,9 @@ TEST(Completion, OffersWhatMayFollow) {
              {"reading o", "off on "},
              {"replay --timeout 5 /proc/self/fdi", "/proc/self/fdinfo/ "},
              {"start ", ""},
-             {"bogus x", ""}}) {
+             {"bogus x", ""},
+             {"--bogus ", ""},
+             {"info " + std::string(200'000, 'x') + ' ', ""}}) {
         std::string offered;
         for (const std::string& word : completions(line, services)) offered += word + ' ';
         EXPECT_EQ(offered, words) << line;

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <regex>
 
 #include "manager/prompt/prompt.h"
 
@@ -12,10 +11,14 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-/// The parts of the text that match the expression.
-Strings parts(const std::string& text, const char* expression) {
-    const std::regex regex(expression);
-    return {std::sregex_token_iterator(text.begin(), text.end(), regex), {}};
+/// The parts of the text between separators.
+Strings split(const std::string& text, const char* separators) {
+    Strings parts;
+    for (std::size_t end = 0, begin = 0; end < text.size(); begin = end + 1) {
+        end = std::min(text.find_first_of(separators, begin), text.size());
+        if (end > begin) parts.push_back(text.substr(begin, end - begin));
+    }
+    return parts;
 }
 
 bool is_option(const std::string& word) {
@@ -74,7 +77,7 @@ Strings choices(const std::string& argument, const std::string& begun) {
     if (argument == "FILE") return files(begun);
     const bool is_literal = argument.find('|') != std::string::npos &&
                             std::islower(static_cast<unsigned char>(argument[0]));
-    return is_literal ? parts(argument, "[^|]+") : Strings();
+    return is_literal ? split(argument, "|") : Strings();
 }
 
 /// The words that are no options, nor the values of options.
@@ -94,14 +97,14 @@ Strings candidates(const Strings& before, const std::string& begun, const Servic
     const std::string& command = before.front();
     Strings usage;
     for (const Command& known : all_commands()) {
-        if (known.name == command) usage = parts(known.arguments, R"([^\[\] ]+)");
+        if (known.name == command) usage = split(known.arguments, "[] ");
     }
     if (is_option(begun)) return usage;
     const Strings given = without_options(before);
     if (command == "call" && given.size() > 1) return arguments(given, services);
     if (command == "call" || command == "describe") return functions(begun, services);
     const Strings expected = without_options(usage);
-    if (given.size() > expected.size()) return {};
+    if (given.empty() || given.size() > expected.size()) return {};
     return choices(expected[given.size() - 1], begun);
 }
 
@@ -111,7 +114,7 @@ Strings completions(const std::string& line, const Services& services) {
     const std::size_t begin = line.find_last_of(" \t") + 1;
     const std::string begun = line.substr(begin);
     Strings words;
-    for (const auto& word : candidates(parts(line.substr(0, begin), "[^ \t]+"), begun, services)) {
+    for (const auto& word : candidates(split(line.substr(0, begin), " \t"), begun, services)) {
         if (word.rfind(begun, 0) == 0) words.push_back(word);
     }
     std::sort(words.begin(), words.end());
