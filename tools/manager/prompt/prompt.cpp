@@ -121,11 +121,12 @@ class Prompt {
         while (true) {
             self.console_lock_.unlock();
             const bool readable = interruption.wait_readable(STDIN_FILENO);
+            // A line that was begun is cancelled by Ctrl-C, the program is at an empty one. Decided
+            // before the console is locked, for which a signal that is being noted may wait.
+            const LineInfoW* const line = el_wline(editor);
+            self.cancelled_ = !readable && line->lastchar != line->buffer && interruption.forgive();
             self.console_lock_.lock();
             if (!readable) {
-                // A line that was begun is cancelled by Ctrl-C, the program is at an empty one.
-                const LineInfoW* const line = el_wline(editor);
-                self.cancelled_ = line->lastchar != line->buffer && interruption.forgive();
                 if (self.cancelled_) std::fputs("^C\n", stdout);
                 return 0;
             }
