@@ -126,8 +126,8 @@ std::string take_arguments(Words& words, const Json::Value& function, CallOption
 
 /// Why tasks of the session do not reach the service; empty if they do.
 std::string why_not_ready(Services& services, const Service& service, std::int64_t session) {
-    static constexpr std::array kReasons{"is not started", "is not started yet", "was refused",
-                                         "was started, but is not ready"};
+    static constexpr std::array kReasons{"is not started", "is not started", "is not started yet",
+                                         "was refused", "was started, but is not ready"};
     const SessionState state = services.session(service, session);
     if (state == SessionState::Ready) return {};
     return fmt::format("session {} {} for {}", session,
@@ -143,8 +143,10 @@ std::int64_t own_session(CommandContext& context, const Service& service, millis
     const std::int64_t session = services.unused_session(kFirstOwnSession);
     const std::vector<Target> targets{{service.opcode, subsystems_of(service.definition)}};
     context.manager.start_session(session, targets);
+    // The start may wait, unknown to all, until a slow service has room for it.
     const auto is_answered = [&] {
-        return services.session(service, session) != SessionState::Starting;
+        const SessionState state = services.session(service, session);
+        return state == SessionState::Gone || state >= SessionState::Refused;
     };
     if (!context.manager.wait_until(is_answered, timeout)) {
         throw CommandFailed(fmt::format("{} has not answered the start of session {} within {} ms",
@@ -206,9 +208,7 @@ void call_once(CommandContext& context, const Task& task, const CallOptions& opt
                bool is_typed) {
     Services& services = context.traffic.services;
     const std::int64_t transaction = context.manager.exec_task(task);
-    // A client that leaves does not reply any more.
-    context.manager.wait_until([&] { return !services.is_pending(transaction); }, options.timeout);
-    const auto reply = context.manager.await_reply(transaction, milliseconds(0));
+    const auto reply = context.manager.await_reply(transaction, options.timeout);
     if (!reply) {
         const auto service = services.find(opcode_text(task.opcode));
         const std::string reason = service ? why_not_ready(services, *service, task.session) : "";

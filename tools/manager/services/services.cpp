@@ -317,20 +317,14 @@ std::optional<Service> Services::find(const std::string& name) const {
 SessionState Services::session(const Service& service, std::int64_t session) {
     const std::lock_guard lock(mutex_);
     const Service* const known = find(service.client, service.opcode);
-    const bool is_known = known != nullptr && known->sessions.count(session) != 0;
-    return is_known ? known->sessions.at(session) : SessionState::Unknown;
+    if (known == nullptr) return SessionState::Gone;
+    const auto state = known->sessions.find(session);
+    return state == known->sessions.end() ? SessionState::Unknown : state->second;
 }
 
 std::int64_t Services::unused_session(std::int64_t first) const {
     const std::lock_guard lock(mutex_);
     return std::max(first, last_session_ + 1);
-}
-
-bool Services::is_pending(std::int64_t transaction) const {
-    const std::lock_guard lock(mutex_);
-    return std::any_of(clients_.begin(), clients_.end(), [&](const auto& client) {
-        return client.second.asked.count({kTask, transaction}) != 0;
-    });
 }
 
 std::map<Services::Function, Figures> Services::take_figures() {

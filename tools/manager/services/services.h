@@ -20,7 +20,8 @@
 
 namespace manager {
 
-enum class SessionState { Unknown, Starting, Refused, Started, Ready };
+/// Of a service that has gone, or in the order in which they come.
+enum class SessionState { Gone, Unknown, Starting, Refused, Started, Ready };
 
 struct Service {
     Opcode opcode;
@@ -101,9 +102,6 @@ class Services {
     SessionState session(const Service& service, std::int64_t session);
     /// A number from `first` on that no session has had.
     std::int64_t unused_session(std::int64_t first) const;
-
-    /// Whether a client is still to reply to the task.
-    bool is_pending(std::int64_t transaction) const;
 
     /// A function's name and opcode, as its calls have them.
     using Function = std::pair<std::string, std::string>;

@@ -177,7 +177,7 @@ std::optional<Reply> SimulatedManager::await_reply(std::optional<std::int64_t> t
         const auto reply = std::find_if(replies_.begin(), replies_.end(), [&](const Reply& r) {
             return r.transaction == transaction.value_or(r.transaction);
         });
-        if (reply == replies_.end()) return false;
+        if (reply == replies_.end()) return transaction && pending_.count(*transaction) == 0;
         taken = std::move(*reply);
         replies_.erase(reply);
         return true;
@@ -239,8 +239,9 @@ std::int64_t SimulatedManager::exec_task(const Task& task) {
     const std::int64_t transaction = ++last_transaction_;
     const std::string text = exec_task_message(task, transaction);
     const Lock lock(mutex_);
-    deliver(client_for(task.opcode), text);
-    pending_.emplace(transaction, sent);
+    Client& client = client_for(task.opcode);
+    deliver(client, text);
+    pending_[transaction] = {sent, client.number};
     return transaction;
 }
 

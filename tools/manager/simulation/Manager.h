@@ -146,7 +146,8 @@ class SimulatedManager : public Answers {
     std::int64_t exec_task(const Task& task);
 
     /// Waits for the reply to a transaction of exec_task(), or to any of them. Each reply is
-    /// returned once. Returns nothing when the time is over or the Manager does not run.
+    /// returned once. Returns nothing when the time is over, the client that was to reply to the
+    /// transaction has gone, or the Manager does not run.
     std::optional<Reply> await_reply(std::optional<std::int64_t> transaction, Timeout timeout);
     std::optional<Reply> await_any_reply(Timeout timeout) { return await_reply({}, timeout); }
 
@@ -215,8 +216,8 @@ class SimulatedManager : public Answers {
     std::list<std::pair<Opcode, Client*>> routes_;
     /// The answers that go out later than at once, and to which client.
     std::multimap<Clock::time_point, std::pair<int, std::string>> delayed_;
-    /// When each task that has no reply yet was sent.
-    std::map<std::int64_t, Clock::time_point> pending_;
+    /// When each task that has no reply yet was sent, and to which client.
+    std::map<std::int64_t, std::pair<Clock::time_point, int>> pending_;
     std::deque<Reply> replies_;
     std::deque<Packet> log_;
     std::size_t log_bytes_ = 0;

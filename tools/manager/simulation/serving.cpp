@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 #include "manager/base/json.h"
 #include "manager/simulation/Manager.h"
@@ -130,6 +131,9 @@ void SimulatedManager::remove_closing_clients() {
         const int number = client->number;
         const Kind kind = client->left ? Kind::Left : Kind::Closed;
         routes_.remove_if([&](const auto& route) { return route.second == &*client; });
+        for (auto task = pending_.begin(); task != pending_.end();) {
+            task = task->second.second == number ? pending_.erase(task) : std::next(task);
+        }
         client = clients_.erase(client);
         note(number, kind);
     }
@@ -200,7 +204,8 @@ void SimulatedManager::handle(Client& client, const Packet& packet) {
     if (const auto reply = read_reply(*message)) {
         const auto task = pending_.find(reply->transaction);
         if (task == pending_.end()) return;
-        replies_.push_back({reply->transaction, reply->status, packet.time - task->second, packet});
+        replies_.push_back(
+            {reply->transaction, reply->status, packet.time - task->second.first, packet});
         pending_.erase(task);
     }
     const Answer answer = answer_to(*message, fault);
