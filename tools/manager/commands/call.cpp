@@ -35,7 +35,7 @@ struct CallOptions {
 };
 
 std::size_t take_count(Words& words, const char* what, std::size_t max) {
-    const std::size_t count = parse_decimal(words.word(what), what, max);
+    const auto count = static_cast<std::size_t>(parse_decimal(words.word(what), what, max));
     if (count == 0) throw BadCommand(fmt::format("{} must be at least 1", what));
     return count;
 }
@@ -247,7 +247,8 @@ void call_many(CommandContext& context, const Task& task, const CallOptions& opt
     while (true) {
         if (Clock::now() >= next_shown) {
             next_shown = Clock::now() + kProgressInterval;
-            context.console.set_status(progress(latencies.count(), options.count, seconds()));
+            const auto done = static_cast<std::size_t>(latencies.count());
+            context.console.set_status(progress(done, options.count, seconds()));
         }
         for (; sent < to_send && in_flight.size() < options.in_flight; ++sent) {
             in_flight.emplace(context.manager.exec_task(task), Clock::now() + options.timeout);
